@@ -1,0 +1,86 @@
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/UniqueID.h"
+
+#include <gcrypt.h>
+
+#include <cstdio>
+#include <mutex>
+#include <random>
+#include <unistd.h>
+
+namespace Kestrane {
+
+const std::string UniqueID::c_nullId = "0000000000000000-0000000000000000-0000000000000000";
+
+namespace {
+
+// One generator per thread, seeded from the kernel's entropy; reseeded after a fork so that a
+// forked child never repeats its parent's ids.
+struct ThreadGenerator {
+    std::mt19937_64 engine;
+    pid_t pid = -1;
+
+    uint64_t next() {
+        pid_t current = getpid();
+        if (current != pid) {
+            std::random_device device; // getrandom() on Linux
+            std::seed_seq seed{device(), device(), device(), device(), device(), device(),
+                               device(), device()};
+            engine.seed(seed);
+            pid = current;
+        }
+        return engine();
+    }
+};
+
+} // namespace
+
+std::string UniqueID::generateId() {
+    thread_local ThreadGenerator generator;
+    char text[c_length + 1];
+    std::snprintf(text, sizeof(text), "%016llX-%016llX-%016llX",
+                  static_cast<unsigned long long>(generator.next()),
+                  static_cast<unsigned long long>(generator.next()),
+                  static_cast<unsigned long long>(generator.next()));
+    return std::string(text, c_length);
+}
+
+bool UniqueID::isValid(const std::string& text) {
+    if (text.size() != c_length)
+        return false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        if (i == 16 || i == 33) {
+            if (c != '-')
+                return false;
+        } else if (!((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+namespace {
+void initialiseGcrypt() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        gcry_check_version(GCRYPT_VERSION);
+        gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
+        gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
+    });
+}
+} // namespace
+
+std::string TigerHash::tHash(const std::string& text) {
+    initialiseGcrypt();
+    unsigned char digest[24];
+    gcry_md_hash_buffer(GCRY_MD_TIGER1, digest, text.data(), text.size());
+    static const char* hex = "0123456789abcdef";
+    std::string result(48, '0');
+    for (size_t i = 0; i < 24; ++i) {
+        result[2 * i] = hex[digest[i] >> 4];
+        result[2 * i + 1] = hex[digest[i] & 0x0f];
+    }
+    return result;
+}
+
+} // namespace Kestrane
