@@ -1,0 +1,59 @@
+#include "RequestServerProgramOptions.h"
+
+#include <boost/lexical_cast.hpp>
+
+#include <algorithm>
+#include <cctype>
+
+namespace Kestrane {
+
+namespace {
+unsigned int parseNumber(const std::string& option, const std::string& value, unsigned int lowest,
+                         unsigned int highest) {
+    bool digits = !value.empty() && value.size() <= 10 &&
+                  std::all_of(value.begin(), value.end(),
+                              [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
+    unsigned long number = digits ? std::stoul(value) : 0;
+    if (!digits || number < lowest || number > highest)
+        throw std::invalid_argument("Invalid value '" + value + "' for option " + option +
+                                    ": expected a whole number from " + std::to_string(lowest) +
+                                    " to " + std::to_string(highest));
+    return static_cast<unsigned int>(number);
+}
+} // namespace
+
+RequestServerProgramOptions
+RequestServerProgramOptions::parse(const std::vector<std::string>& args) {
+    RequestServerProgramOptions options;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        auto value = [&]() -> const std::string& {
+            if (i + 1 >= args.size())
+                throw std::invalid_argument("Missing value for option " + arg);
+            return args[++i];
+        };
+        if (arg == "--port") {
+            options.port = parseNumber(arg, value(), 0, 65535);
+        } else if (arg == "--port-range") {
+            options.portRange = parseNumber(arg, value(), 1, 65535);
+        } else if (arg == "--help" || arg == "-h") {
+            options.help = true;
+        } else {
+            throw std::invalid_argument("Unknown option '" + arg + "'");
+        }
+    }
+    return options;
+}
+
+std::string RequestServerProgramOptions::usage() {
+    return "Usage: ks-request-server [--port N] [--port-range R] [-logLevel LEVEL]\n"
+           "                         [-logFile PATH] [-logFileSuffix S]\n"
+           "  --port N        first port to listen on (default 0: the configuration decides,\n"
+           "                  and with its port 0 the system picks one)\n"
+           "  --port-range R  number of ports to try from the first one on\n"
+           "  -logLevel L     TRACE, DEBUG, INFO, WARN, ERROR or FATAL (default INFO)\n"
+           "  -logFile PATH   also log to this file; -logFileSuffix S goes before its extension\n"
+           "Prints 'PORT <n>' as its first line once it listens. SIGINT or SIGTERM stop it.\n";
+}
+
+} // namespace Kestrane

@@ -1,0 +1,87 @@
+// ks-request-server: runs the process's RequestServer until a signal, or the idle watchdog, stops
+// it.
+#include "RequestServerProgramOptions.h"
+
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LoggingSettings.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
+
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+#include <pthread.h>
+#include <thread>
+
+using namespace Kestrane;
+
+namespace {
+Logging s_logging(__FILE__);
+
+// Stops the server on SIGINT or SIGTERM. The signals are blocked in every thread, so that only
+// this one receives them.
+void watchSignals(sigset_t signals, RequestServer* server) {
+    int signal = 0;
+    if (sigwait(&signals, &signal) == 0) {
+        KS_INFO("Received signal " << signal << ", stopping the request server");
+        server->stop();
+    }
+}
+
+RequestServer* startServer(const RequestServerProgramOptions& options) {
+    auto config = RequestServerConfiguration::getRegisteredInstance();
+    if (options.portRange) {
+        config->setValue("portRange", std::to_string(*options.portRange));
+        if (options.port != 0)
+            config->setValue("listenPort", std::to_string(options.port));
+        return RequestServer::getInstance(-1, 0);
+    }
+    return RequestServer::getInstance(-1, options.port);
+}
+} // namespace
+
+int main(int argc, char** argv) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    RequestServerProgramOptions options;
+    try {
+        std::vector<std::string> args(argv + 1, argv + argc);
+        LoggingSettings::get()->applyEnvironment();
+        LoggingSettings::get()->parseCommandLine(args);
+        options = RequestServerProgramOptions::parse(args);
+        RequestServerConfiguration::getRegisteredInstance();
+    } catch (const std::exception& e) {
+        std::cerr << "ks-request-server: " << e.what() << "\n"
+                  << RequestServerProgramOptions::usage();
+        return 2;
+    }
+    if (options.help) {
+        std::cout << RequestServerProgramOptions::usage();
+        return 0;
+    }
+
+    RequestServer* server = nullptr;
+    try {
+        server = startServer(options);
+    } catch (const std::exception& e) {
+        std::cerr << "ks-request-server: " << e.what() << "\n";
+        return 1;
+    }
+    if (!server) {
+        std::cerr << "ks-request-server: " << RequestServer::getErrorMessage() << "\n";
+        return 1;
+    }
+    std::printf("PORT %u\n", static_cast<unsigned int>(server->getPort()));
+    std::fflush(stdout);
+
+    std::thread(watchSignals, signals, server).detach();
+    server->waitForShutdown();
+    KS_INFO("ks-request-server stopped.");
+    Logging::flush();
+    return 0;
+}

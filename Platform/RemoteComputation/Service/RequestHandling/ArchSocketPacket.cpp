@@ -1,0 +1,19 @@
+#include "Platform/RemoteComputation/Service/RequestHandling/ArchSocketPacket.h"
+
+#include <cstdlib>
+
+namespace Kestrane {
+
+ArchSocketPacket::ArchSocketPacket(char* data, unsigned long size, bool cachePacket)
+    : BinarySocketPacket(data, size, cachePacket) {}
+
+bool ArchSocketPacket::send(Computing::Socket& socket, const std::string& label) {
+    bool result = BinarySocketPacket::send(socket, label);
+    std::free(m_data);
+    m_data = nullptr; // never released twice
+    return result;
+}
+
+std::string ArchSocketPacket::toString() { return describe("ARCH"); }
+
+} // namespace Kestrane

@@ -1,0 +1,254 @@
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/HandleConnectionTask.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/SocketPacket.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/DeletePathThread.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
+
+#include <boost/chrono.hpp>
+
+#include <sstream>
+
+namespace Kestrane {
+
+namespace {
+Logging s_logging(__FILE__);
+}
+
+bool RequestServer::s_error = false;
+std::string RequestServer::s_errorMessage;
+
+RequestServer* RequestServer::getInstance(int shutdownTimeout, unsigned int port) {
+    boost::lock_guard<boost::mutex> lock(s_instanceMutex);
+    if (s_error) {
+        KS_WARN("Returning NULL RequestServer (previous error)");
+        return nullptr;
+    }
+    if (s_instance) {
+        KS_TRACE("Returning existing RequestServerinstance (port = " << port << ")");
+        return static_cast<RequestServer*>(s_instance);
+    }
+    KS_INFO("Creating new RequestServer instance (port = " << port << ")...");
+    unsigned int portRange = 1;
+    auto config = RequestServerConfiguration::getRegisteredInstance();
+    if (port == 0 && config->getListenPort() != 0) {
+        port = config->getListenPort();
+        portRange = config->getPortRange();
+        KS_INFO("Using port range from RequestServerConfiguration: listenPort = "
+                << port << ", portRange = " << portRange);
+    }
+    try {
+        auto server = new RequestServer(shutdownTimeout, port, portRange);
+        s_instance = server;
+        server->start(true);
+    } catch (const Computing::Error& e) {
+        s_errorMessage = std::string("Exception while creating RequestServer: ") + e.what();
+        KS_ERROR(s_errorMessage);
+        s_error = true;
+        return nullptr;
+    }
+    KS_INFO("Returning new RequestServerinstance (port = " << port << ")");
+    return static_cast<RequestServer*>(s_instance);
+}
+
+std::string RequestServer::getErrorMessage() {
+    boost::lock_guard<boost::mutex> lock(s_instanceMutex);
+    return s_errorMessage;
+}
+
+RequestServer::RequestServer(int shutdownTimeout, unsigned int port, unsigned int portRange)
+    : Thread(""), m_listenSocket(static_cast<int>(port), static_cast<int>(portRange), 1000) {
+    auto config = RequestServerConfiguration::getRegisteredInstance();
+    m_hostName = config->getLocalHost();
+    if (config->getAutoShutdown()) {
+        m_serverTimeoutThread =
+            new ServerTimeoutThread(this, shutdownTimeout >= 1 ? shutdownTimeout : 0);
+        m_serverTimeoutThread->start(true);
+    }
+    m_port = static_cast<uint16_t>(m_listenSocket.getListenPort());
+    m_workerPool = new Tasks::WorkerPool(config->getMaxRequestHandlerPoolSize(),
+                                         static_cast<Thread::Priority>(2));
+    KS_DEBUG("Created new RequestServer " << this << " on " << m_hostName << ":" << m_port);
+}
+
+RequestServer::~RequestServer() {
+    KS_DEBUG("Destroying RequestServer " << describe() << "...");
+    if (m_serverTimeoutThread) {
+        m_serverTimeoutThread->requestStop();
+        delete m_serverTimeoutThread;
+        m_serverTimeoutThread = nullptr;
+    }
+    if (m_workerPool) {
+        m_workerPool->waitForAllTasks();
+        delete m_workerPool;
+        m_workerPool = nullptr;
+    }
+    DeletePathThread::shutdown();
+    KS_DEBUG("RequestServer " << describe() << " destroyed.");
+}
+
+std::string RequestServer::describe() const {
+    std::ostringstream text;
+    text << static_cast<const void*>(this) << " on port " << m_port;
+    return text.str();
+}
+
+void RequestServer::executeRun() {
+    KS_INFO("RequestServer " << describe() << " waiting for connections...");
+    while (!m_stopping) {
+        KS_TRACE("RequestServer " << describe() << " waiting for next connection...");
+        auto socket = std::make_shared<Computing::ServerSocket>(m_listenSocket.accept());
+        if (m_stopping) {
+            KS_INFO("RequestServer " << describe() << " exiting main loop...");
+            break;
+        }
+        KS_DEBUG("RequestServer " << describe() << " received connection from "
+                                  << socket->getClientIPaddress());
+        m_workerPool->addTask(std::make_shared<HandleConnectionTask>(socket, this));
+        if (m_serverTimeoutThread)
+            m_serverTimeoutThread->setActivity();
+    }
+    shutdownAfterLoop();
+}
+
+void RequestServer::shutdownAfterLoop() {
+    KS_DEBUG("RequestServer " << describe() << " stopping. Waiting for all workers to finish...");
+    m_workerPool->waitForAllTasks();
+    DeletePathThread::shutdown();
+    if (m_serverTimeoutThread) {
+        // The watchdog has nothing left to watch.
+        m_serverTimeoutThread->requestStop();
+        m_serverTimeoutThread->finalize();
+    }
+    {
+        boost::lock_guard<boost::mutex> lock(m_shutdownMutex);
+        m_stopped = true;
+        m_shutdownCondition.notify_all();
+    }
+    KS_DEBUG("RequestServer " << describe() << " stopped.");
+}
+
+void RequestServer::stop() {
+    KS_DEBUG("Stop RequestServer " << describe());
+    m_stopping = true;
+    try {
+        // Wakes accept(); the text is never read.
+        Computing::ClientSocket wakeUp;
+        wakeUp.connect("localhost", m_port);
+        wakeUp.sndMsg("STOP");
+    } catch (const Computing::Error& e) {
+        KS_WARN("Could not wake the accept loop of RequestServer " << describe() << ": "
+                                                                   << e.what());
+    }
+}
+
+void RequestServer::waitForShutdown() {
+    KS_DEBUG("Waiting for shutdown of RequestServer " << describe() << "...");
+    {
+        boost::unique_lock<boost::mutex> lock(m_shutdownMutex);
+        m_shutdownCondition.wait(lock, [this] { return m_stopped; });
+    }
+    KS_DEBUG("Wait for shutdown of RequestServer " << describe() << " finished.");
+}
+
+bool RequestServer::isStopped() {
+    boost::lock_guard<boost::mutex> lock(m_shutdownMutex);
+    return m_stopped;
+}
+
+void RequestServer::addTask(std::shared_ptr<Tasks::Task> task) {
+    m_workerPool->addTask(std::move(task));
+}
+
+std::string RequestServer::getHostName() { return m_hostName; }
+
+void RequestServer::setIp(const std::string& ip) {
+    {
+        boost::lock_guard<boost::mutex> lock(m_ipMutex);
+        m_ip = ip;
+    }
+    KS_TRACE("IP set to '" << ip << "'");
+}
+
+std::string RequestServer::getIp() {
+    boost::lock_guard<boost::mutex> lock(m_ipMutex);
+    return m_ip;
+}
+
+uint16_t RequestServer::getPort() { return m_port; }
+
+bool RequestServer::ping(const std::string& host, unsigned int port) {
+    std::string label = host + ":" + std::to_string(port);
+    try {
+        Computing::ClientSocket socket;
+        socket.connect(host, static_cast<int>(port));
+        SocketPacket::send("C", "PING", socket, label);
+        auto answer = SocketPacket::receive(socket, label);
+        SocketPacket::send("C", "CLOSE_CONNECTION", socket, label);
+        if (answer->getType() == "C" && *answer->getData() == "PONG")
+            return true;
+        KS_INFO("Error pinging " << host << ":" << port << ".");
+        return false;
+    } catch (const std::exception&) {
+        // Socket failures and a peer that closed before answering.
+        KS_WARN("Exception pinging " << host << ":" << port << ".");
+        return false;
+    }
+}
+
+// ---- ServerTimeoutThread ----
+
+RequestServer::ServerTimeoutThread::ServerTimeoutThread(RequestServer* server,
+                                                        unsigned int timeout)
+    : Thread(""),
+      m_timeout(timeout != 0
+                    ? timeout
+                    : RequestServerConfiguration::getRegisteredInstance()->getShutdownTimeout()),
+      m_server(server) {}
+
+RequestServer::ServerTimeoutThread::~ServerTimeoutThread() {
+    requestStop();
+    finalize();
+}
+
+void RequestServer::ServerTimeoutThread::setActivity() {
+    boost::lock_guard<boost::mutex> lock(m_mutex);
+    m_activity = true;
+}
+
+void RequestServer::ServerTimeoutThread::requestStop() {
+    boost::lock_guard<boost::mutex> lock(m_mutex);
+    m_stopRequested = true;
+    m_condition.notify_all();
+}
+
+void RequestServer::ServerTimeoutThread::executeRun() {
+    KS_TRACE("Executing ServerTimeoutThread (timout = " << m_timeout << "s)...");
+    boost::unique_lock<boost::mutex> lock(m_mutex);
+    while (!m_stopRequested) {
+        auto deadline = boost::chrono::steady_clock::now() + boost::chrono::seconds(1);
+        m_condition.wait_until(lock, deadline);
+        if (m_stopRequested)
+            break;
+        Tasks::WorkerPool* pool = m_server->getWorkerPool();
+        bool busy = m_activity || (pool && pool->getBusyWorkersCount() != 0);
+        if (busy) {
+            m_activity = false;
+            if (m_idleSeconds > 0) {
+                KS_DEBUG("RequestServer busy.");
+                m_idleSeconds = 0;
+            }
+        } else {
+            ++m_idleSeconds;
+            KS_DEBUG("RequestServer idle (" << m_idleSeconds << "/" << m_timeout << ").");
+            if (static_cast<uint32_t>(m_idleSeconds) >= m_timeout) {
+                KS_INFO("Stopping RequestServer");
+                m_server->stop();
+                break;
+            }
+        }
+    }
+    KS_DEBUG("Stopping ServerTimeoutThread.");
+}
+
+} // namespace Kestrane

@@ -1,0 +1,101 @@
+#pragma once
+
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/AbstractRequestServer.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Socket.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Thread.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/WorkerPool.h"
+
+#include <boost/thread/condition_variable.hpp>
+#include <boost/thread/mutex.hpp>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace Kestrane {
+
+class RequestServerErrorLogger;
+
+// The one TCP server of a process. It owns the listening socket, the accept thread, one pool of
+// worker threads for connection and request tasks, and an optional idle watchdog. Made by
+// getInstance(), never by a host.
+class RequestServer : public Thread, private AbstractRequestServer {
+public:
+    // The idle watchdog: once a second it looks whether anything is going on, and stops the
+    // server after `timeout` idle seconds in a row.
+    class ServerTimeoutThread : public Thread {
+    public:
+        ServerTimeoutThread(RequestServer* server, unsigned int timeout);
+        ~ServerTimeoutThread() override;
+        void executeRun() override;
+        void finalizeRun() override {}
+        // A connection came in.
+        void setActivity();
+        void requestStop();
+        unsigned int getTimeout() const { return m_timeout; }
+
+    private:
+        uint32_t m_timeout;
+        int32_t m_idleSeconds = 0;
+        bool m_activity = false;
+        boost::condition_variable_any m_condition;
+        boost::mutex m_mutex;
+        RequestServer* m_server;
+        bool m_stopRequested = false;
+    };
+
+    // The process's server, created and started at the first call; null after a failed first
+    // creation (for the life of the process). `port` 0: the configuration decides.
+    static RequestServer* getInstance(int shutdownTimeout, unsigned int port);
+    static std::string getErrorMessage();
+    // Whether a request server answers at host:port; needs no running server here.
+    static bool ping(const std::string& host, unsigned int port);
+
+    // Starts the shutdown and returns at once.
+    void stop();
+    // Blocks until the accept thread has finished everything.
+    void waitForShutdown();
+    bool isStopped();
+    void addTask(std::shared_ptr<Tasks::Task> task);
+
+    std::string getHostName() override;
+    void setIp(const std::string& ip) override;
+    std::string getIp() override;
+    uint16_t getPort() override;
+
+    RequestServerErrorLogger* getErrorLogger() const { return m_errorLogger; }
+    void setErrorLogger(RequestServerErrorLogger* logger) { m_errorLogger = logger; }
+    const std::string& getExecutableName() const { return m_executableName; }
+    void setExecutableName(const std::string& name) { m_executableName = name; }
+    ServerTimeoutThread* getServerTimeoutThread() const { return m_serverTimeoutThread; }
+    Tasks::WorkerPool* getWorkerPool() const { return m_workerPool; }
+
+    void executeRun() override;
+    void finalizeRun() override {}
+
+private:
+    RequestServer(int shutdownTimeout, unsigned int port, unsigned int portRange);
+    ~RequestServer() override;
+    std::string describe() const;
+    void shutdownAfterLoop();
+
+    ServerTimeoutThread* m_serverTimeoutThread = nullptr;
+    Computing::ListenSocket m_listenSocket;
+    uint16_t m_port = 0;
+    std::string m_hostName;
+    boost::mutex m_ipMutex;
+    std::string m_ip;
+    Tasks::WorkerPool* m_workerPool = nullptr;
+    std::atomic<bool> m_stopping{false};
+    bool m_stopped = false;
+    boost::condition_variable_any m_shutdownCondition;
+    boost::mutex m_shutdownMutex;
+    std::string m_executableName;
+    RequestServerErrorLogger* m_errorLogger = nullptr;
+
+    static bool s_error;
+    static std::string s_errorMessage;
+};
+
+} // namespace Kestrane

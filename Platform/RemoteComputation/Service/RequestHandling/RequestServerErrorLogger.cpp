@@ -1,0 +1,7 @@
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestServerErrorLogger.h"
+
+namespace Kestrane {
+
+RequestServerErrorLogger::~RequestServerErrorLogger() = default;
+
+} // namespace Kestrane

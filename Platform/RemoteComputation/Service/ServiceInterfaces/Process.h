@@ -1,0 +1,55 @@
+#pragma once
+
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/ComputingError.h"
+
+#include <memory>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace Kestrane {
+namespace Computing {
+
+enum StartMode { Attached = 0, Detached = 1 };
+
+// A program started on this host with posix_spawn. A child is always reaped: by wait(), or, when
+// the object goes away first, by a reaper thread, so that no zombie is left behind.
+class Process : public ErrorMessage {
+public:
+    enum Priority { Low = 0, Normal = 1, High = 2 };
+
+    Process(const std::string& executable, const std::vector<std::string>& arguments,
+            Priority priority = Normal);
+    ~Process() override;
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    // Starts the program; false with getErrorMessage() when it cannot be started.
+    bool start(StartMode mode = Detached);
+    pid_t getPid() const { return m_pid; }
+    bool isRunning();
+    // Waits for the end and returns the exit code (128 + signal for a killed process, -1 when
+    // not started).
+    int wait();
+    // Waits at most `milliseconds`; false when still running.
+    bool waitFor(unsigned int milliseconds, int& exitCode);
+    bool kill(int signal);
+
+    // Standard output of the child through a pipe, when asked for before start().
+    void captureStandardOutput();
+    int getStandardOutputFd() const { return m_stdoutFd; }
+
+private:
+    bool reap(bool block, int& exitCode);
+
+    std::string m_executable;
+    std::vector<std::string> m_arguments;
+    pid_t m_pid = -1;
+    bool m_reaped = false;
+    int m_exitCode = -1;
+    bool m_captureStdout = false;
+    int m_stdoutFd = -1;
+};
+
+} // namespace Computing
+} // namespace Kestrane

@@ -1,0 +1,93 @@
+#pragma once
+
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/ComputingError.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Kestrane {
+namespace Computing {
+
+// A connected TCP stream. Reads go through a small read-ahead buffer, so that a reader that
+// takes one byte at a time does not pay a system call per byte; a writer can hold back small
+// pieces (`more`) so that a header and its payload leave in one segment.
+class Socket {
+public:
+    explicit Socket(uint64_t handle = c_invalid);
+    virtual ~Socket();
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+
+    static constexpr uint64_t c_invalid = ~uint64_t(0);
+
+    // Sends exactly `size` bytes; a failed write throws Computing::Error. With `more` the bytes
+    // may wait until the next call without it.
+    bool sendDataBlock(const char* data, uint64_t size, bool more = false);
+    // Receives exactly `size` bytes; false when the connection fails, times out or is closed.
+    bool receiveDataBlock(char* data, uint64_t size);
+    // Receives up to `size` bytes appended to `out`, growing it as data arrives (no allocation
+    // of the announced size up front); false when fewer came.
+    bool receiveDataBlock(std::string& out, uint64_t size);
+    // Sends a text without a length header.
+    void sndMsg(const char* text);
+    // The system handle, for code that drives the same connection itself. Bytes already taken
+    // into the read-ahead buffer are not visible there: such code must run a conversation in
+    // which it speaks first, or in which nothing can be buffered.
+    uint64_t& getSocket() { return m_socket; }
+    uint64_t bufferedByteCount() const { return m_readEnd - m_readPos; }
+
+    // Time limit of a single read or write in milliseconds; 0 means none.
+    void setTimeout(unsigned int milliseconds);
+    bool isOpen() const { return m_socket != c_invalid; }
+    void close();
+
+protected:
+    void configureConnected();
+    void flushPending(const char* data, uint64_t size);
+    bool fillBuffer();
+
+    uint64_t m_socket;
+    std::vector<char> m_readBuffer;
+    size_t m_readPos = 0;
+    size_t m_readEnd = 0;
+    std::string m_pending;
+};
+
+class ClientSocket : public Socket {
+public:
+    ClientSocket() = default;
+    // Connects to host (name or address, IPv4 or IPv6) and port; throws Computing::Error.
+    void connect(const std::string& host, int port);
+};
+
+class ServerSocket : public Socket {
+public:
+    explicit ServerSocket(uint64_t handle);
+    std::string getClientIPaddress() const;
+    std::string getServerIPaddress() const;
+};
+
+// A listening socket bound to the first free port of `portRange` ports starting at `port`
+// (port 0: the system picks one).
+class ListenSocket {
+public:
+    ListenSocket(int port, int portRange, int backlog);
+    ~ListenSocket();
+    ListenSocket(const ListenSocket&) = delete;
+    ListenSocket& operator=(const ListenSocket&) = delete;
+
+    int getListenPort() const { return m_port; }
+    // Blocks until a connection arrives and returns its handle.
+    uint64_t accept();
+
+private:
+    int m_fd = -1;
+    int m_port = 0;
+};
+
+// Numeric address text of a socket address; IPv4-mapped IPv6 addresses as plain IPv4.
+std::string addressText(const void* sockaddrStorage);
+
+} // namespace Computing
+} // namespace Kestrane
