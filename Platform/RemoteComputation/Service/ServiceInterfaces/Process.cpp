@@ -22,6 +22,8 @@ Process::Process(const std::string& executable, const std::vector<std::string>& 
 Process::~Process() {
     if (m_stdoutFd >= 0)
         ::close(m_stdoutFd);
+    if (m_stderrFd >= 0)
+        ::close(m_stderrFd);
     int code;
     if (m_pid > 0 && !m_reaped && !reap(false, code)) {
         pid_t pid = m_pid;
@@ -34,6 +36,19 @@ Process::~Process() {
 }
 
 void Process::captureStandardOutput() { m_captureStdout = true; }
+void Process::captureStandardError() { m_captureStderr = true; }
+
+namespace {
+// A pipe whose write end becomes the child's descriptor `target`.
+bool redirect(posix_spawn_file_actions_t& actions, int target, int fds[2], std::string& error) {
+    if (::pipe2(fds, O_CLOEXEC) != 0) {
+        error = std::string("pipe: ") + std::strerror(errno);
+        return false;
+    }
+    posix_spawn_file_actions_adddup2(&actions, fds[1], target);
+    return true;
+}
+} // namespace
 
 bool Process::start(StartMode) {
     std::vector<char*> argv;
@@ -44,29 +59,36 @@ bool Process::start(StartMode) {
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    int pipeFds[2] = {-1, -1};
-    if (m_captureStdout) {
-        if (::pipe2(pipeFds, O_CLOEXEC) != 0) {
-            setErrorMessage(std::string("pipe: ") + std::strerror(errno));
-            posix_spawn_file_actions_destroy(&actions);
-            return false;
-        }
-        posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
+    int outFds[2] = {-1, -1};
+    int errFds[2] = {-1, -1};
+    std::string error;
+    auto closeAll = [&] {
+        for (int fd : {outFds[0], outFds[1], errFds[0], errFds[1]})
+            if (fd >= 0)
+                ::close(fd);
+    };
+    if ((m_captureStdout && !redirect(actions, STDOUT_FILENO, outFds, error)) ||
+        (m_captureStderr && !redirect(actions, STDERR_FILENO, errFds, error))) {
+        setErrorMessage(error);
+        posix_spawn_file_actions_destroy(&actions);
+        closeAll();
+        return false;
     }
     pid_t pid = -1;
     int rc = ::posix_spawn(&pid, m_executable.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    if (pipeFds[1] >= 0)
-        ::close(pipeFds[1]);
     if (rc != 0) {
-        if (pipeFds[0] >= 0)
-            ::close(pipeFds[0]);
+        closeAll();
         setErrorMessage("Cannot start '" + m_executable + "': " + std::strerror(rc));
         return false;
     }
+    for (int fd : {outFds[1], errFds[1]})
+        if (fd >= 0)
+            ::close(fd);
     m_pid = pid;
     m_reaped = false;
-    m_stdoutFd = pipeFds[0];
+    m_stdoutFd = outFds[0];
+    m_stderrFd = errFds[0];
     return true;
 }
 

@@ -35,9 +35,11 @@ public:
     bool waitFor(unsigned int milliseconds, int& exitCode);
     bool kill(int signal);
 
-    // Standard output of the child through a pipe, when asked for before start().
+    // Standard output / error of the child through pipes, when asked for before start().
     void captureStandardOutput();
+    void captureStandardError();
     int getStandardOutputFd() const { return m_stdoutFd; }
+    int getStandardErrorFd() const { return m_stderrFd; }
 
 private:
     bool reap(bool block, int& exitCode);
@@ -48,7 +50,9 @@ private:
     bool m_reaped = false;
     int m_exitCode = -1;
     bool m_captureStdout = false;
+    bool m_captureStderr = false;
     int m_stdoutFd = -1;
+    int m_stderrFd = -1;
 };
 
 } // namespace Computing

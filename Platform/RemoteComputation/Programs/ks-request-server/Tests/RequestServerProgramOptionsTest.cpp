@@ -1,0 +1,46 @@
+#include "../RequestServerProgramOptions.h"
+
+#include <gtest/gtest.h>
+
+using namespace Kestrane;
+
+TEST(RequestServerProgramOptionsTest, DefaultsLetTheConfigurationDecide) {
+    auto options = RequestServerProgramOptions::parse({});
+    EXPECT_EQ(options.port, 0u);
+    EXPECT_FALSE(options.portRange.has_value());
+    EXPECT_FALSE(options.help);
+}
+
+TEST(RequestServerProgramOptionsTest, PortAndRange) {
+    auto options = RequestServerProgramOptions::parse({"--port", "4000", "--port-range", "12"});
+    EXPECT_EQ(options.port, 4000u);
+    ASSERT_TRUE(options.portRange.has_value());
+    EXPECT_EQ(*options.portRange, 12u);
+    EXPECT_TRUE(RequestServerProgramOptions::parse({"--help"}).help);
+}
+
+TEST(RequestServerProgramOptionsTest, MalformedCommandLinesAreRejectedWithClearText) {
+    auto message = [](std::vector<std::string> args) {
+        try {
+            RequestServerProgramOptions::parse(args);
+        } catch (const std::invalid_argument& e) {
+            return std::string(e.what());
+        }
+        return std::string("accepted");
+    };
+    EXPECT_EQ(message({"--port"}), "Missing value for option --port");
+    EXPECT_EQ(message({"--port", "abc"}),
+              "Invalid value 'abc' for option --port: expected a whole number from 0 to 65535");
+    EXPECT_EQ(message({"--port", "70000"}),
+              "Invalid value '70000' for option --port: expected a whole number from 0 to 65535");
+    EXPECT_EQ(message({"--port", "-1"}),
+              "Invalid value '-1' for option --port: expected a whole number from 0 to 65535");
+    EXPECT_EQ(message({"--port-range", "0"}), "Invalid value '0' for option --port-range: "
+                                              "expected a whole number from 1 to 65535");
+    EXPECT_EQ(message({"--port", "99999999999999999999"}),
+              "Invalid value '99999999999999999999' for option --port: expected a whole number "
+              "from 0 to 65535");
+    EXPECT_EQ(message({"--bogus"}), "Unknown option '--bogus'");
+    EXPECT_EQ(message({"4000"}), "Unknown option '4000'");
+    EXPECT_EQ(message({""}), "Unknown option ''");
+}
