@@ -16,9 +16,13 @@ std::string clientAddressOf(const std::shared_ptr<Computing::ServerSocket>& sock
 
 HandleConnectionTask::HandleConnectionTask(std::shared_ptr<Computing::ServerSocket> socket,
                                            RequestServer* requestServer)
-    : Tasks::Task("HandleConnectionTask from " + clientAddressOf(socket)),
-      m_clientAddress(clientAddressOf(socket)), m_socket(std::move(socket)),
-      m_requestServer(requestServer) {}
+    : HandleConnectionTask(socket, requestServer, clientAddressOf(socket)) {}
+
+HandleConnectionTask::HandleConnectionTask(std::shared_ptr<Computing::ServerSocket> socket,
+                                           RequestServer* requestServer,
+                                           const std::string& clientAddress)
+    : Tasks::Task("HandleConnectionTask from " + clientAddress), m_clientAddress(clientAddress),
+      m_socket(std::move(socket)), m_requestServer(requestServer) {}
 
 HandleConnectionTask::~HandleConnectionTask() = default;
 

@@ -24,6 +24,9 @@ public:
 private:
     enum class Next { Continue, Leave };
 
+    HandleConnectionTask(std::shared_ptr<Computing::ServerSocket> socket,
+                         RequestServer* requestServer, const std::string& clientAddress);
+
     void readLoop();
     Next dispatch(const std::shared_ptr<SocketPacket>& packet);
     Next dispatchCommand(const std::shared_ptr<SocketPacket>& packet);

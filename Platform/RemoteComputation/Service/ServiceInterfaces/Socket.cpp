@@ -195,38 +195,79 @@ std::string addressText(const void* storage) {
     return text;
 }
 
+namespace {
+// A numeric address needs no name service.
+bool numericAddress(const std::string& host, int port, sockaddr_storage& address,
+                    socklen_t& length) {
+    address = sockaddr_storage{};
+    auto v4 = reinterpret_cast<sockaddr_in*>(&address);
+    if (inet_pton(AF_INET, host.c_str(), &v4->sin_addr) == 1) {
+        v4->sin_family = AF_INET;
+        v4->sin_port = htons(static_cast<uint16_t>(port));
+        length = sizeof(sockaddr_in);
+        return true;
+    }
+    auto v6 = reinterpret_cast<sockaddr_in6*>(&address);
+    if (inet_pton(AF_INET6, host.c_str(), &v6->sin6_addr) == 1) {
+        v6->sin6_family = AF_INET6;
+        v6->sin6_port = htons(static_cast<uint16_t>(port));
+        length = sizeof(sockaddr_in6);
+        return true;
+    }
+    return false;
+}
+
+int connectTo(const sockaddr* address, socklen_t length, int& error) {
+    int fd = ::socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        error = errno;
+        return -1;
+    }
+    int result;
+    do {
+        result = ::connect(fd, address, length);
+    } while (result < 0 && errno == EINTR);
+    if (result == 0)
+        return fd;
+    error = errno;
+    ::close(fd);
+    return -1;
+}
+} // namespace
+
 void ClientSocket::connect(const std::string& host, int port) {
     close();
     m_readPos = m_readEnd = 0;
     m_pending.clear();
+    std::string service = std::to_string(port);
+    sockaddr_storage numeric;
+    socklen_t numericLength = 0;
+    if (numericAddress(host, port, numeric, numericLength)) {
+        int error = 0;
+        int fd = connectTo(reinterpret_cast<sockaddr*>(&numeric), numericLength, error);
+        if (fd < 0)
+            throw Error("connect to " + host + ":" + service, error);
+        m_socket = static_cast<uint64_t>(fd);
+        configureConnected();
+        return;
+    }
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV;
     addrinfo* results = nullptr;
-    std::string service = std::to_string(port);
     int rc = getaddrinfo(host.c_str(), service.c_str(), &hints, &results);
     if (rc != 0)
         throw Error("getaddrinfo '" + host + "'", gai_strerror(rc));
     int lastError = ECONNREFUSED;
     for (addrinfo* ai = results; ai; ai = ai->ai_next) {
-        int fd = ::socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC, ai->ai_protocol);
-        if (fd < 0) {
-            lastError = errno;
-            continue;
-        }
-        int result;
-        do {
-            result = ::connect(fd, ai->ai_addr, ai->ai_addrlen);
-        } while (result < 0 && errno == EINTR);
-        if (result == 0) {
+        int fd = connectTo(ai->ai_addr, ai->ai_addrlen, lastError);
+        if (fd >= 0) {
             freeaddrinfo(results);
             m_socket = static_cast<uint64_t>(fd);
             configureConnected();
             return;
         }
-        lastError = errno;
-        ::close(fd);
     }
     freeaddrinfo(results);
     throw Error("connect to " + host + ":" + service, lastError);
