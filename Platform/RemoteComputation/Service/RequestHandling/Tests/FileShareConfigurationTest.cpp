@@ -11,7 +11,7 @@
 
 #include <fstream>
 #include <memory>
-#include <set>
+#include <stdexcept>
 #include <thread>
 
 using namespace Kestrane;
