@@ -1,6 +1,7 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestXmlHelper.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/AbstractRequestSchema.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/UniqueID.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
 
@@ -149,12 +150,15 @@ TEST(RequestXmlHelperTest, BrokenFragmentIsRefusedAndSchemaStaysUsable) {
     RequestXmlHelper* helper = RequestXmlHelper::getInstance();
     uint64_t version = helper->getSchemaVersion();
     std::string schemaBefore = helper->getSchemaText();
+    LogCapture capture;
     try {
         helper->addSchema(BrokenSchema());
         FAIL() << "A fragment with an undeclared base type was accepted.";
     } catch (const KsExceptionNested& e) {
         EXPECT_EQ(e.getSource(), "RequestHandling");
         EXPECT_NE(e.getMessage().find("Invalid request schema"), std::string::npos);
+        EXPECT_NE(e.getMessage().find("line "), std::string::npos);
+        EXPECT_TRUE(capture.contains(LogLevel::Error, e.getMessage()));
     }
     EXPECT_EQ(helper->getSchemaVersion(), version);
     EXPECT_EQ(helper->getSchemaText(), schemaBefore);
@@ -162,6 +166,35 @@ TEST(RequestXmlHelperTest, BrokenFragmentIsRefusedAndSchemaStaysUsable) {
     // A good fragment after the broken one still goes in.
     helper->addSchema(NamedRequestSchema("AfterBrokenRequest", "value"));
     EXPECT_TRUE(parses(requestDocument("AfterBrokenRequest", "value", "v")));
+}
+
+TEST(RequestXmlHelperTest, ParseFailureIsLoggedAtDebugLevel) {
+    LogCapture capture;
+    try {
+        Document document(RequestXmlHelper::getInstance()->parse("<KS_Reply"));
+        FAIL() << "Malformed text was accepted.";
+    } catch (const KsExceptionNested& e) {
+        EXPECT_TRUE(capture.contains(LogLevel::Debug, e.getMessage()));
+        EXPECT_EQ(e.getMessage().rfind("Error parsing XML document at line 1, column ", 0), 0u)
+            << e.getMessage();
+    }
+}
+
+TEST(RequestXmlHelperTest, ExternalEntitiesAreNotLoaded) {
+    RequestXmlHelper* helper = RequestXmlHelper::getInstance();
+    helper->addSchema(NamedRequestSchema("EntityRequest", "value"));
+    std::string text = requestDocument("EntityRequest", "value", "[&secret;]");
+    text.insert(text.find('\n') + 1, "<!DOCTYPE KS_Request [\n<!ENTITY secret SYSTEM "
+                                     "\"file:///etc/hostname\">\n]>\n");
+    try {
+        Document document(helper->parse(text));
+        xercesc::DOMElement* request =
+            XmlUtils::getElement("request", document->getDocumentElement());
+        // Accepted only without the file's content.
+        EXPECT_EQ(XmlUtils::getElementContent("value", request), "[]");
+    } catch (const KsExceptionNested& e) {
+        EXPECT_NE(e.getMessage().find("line "), std::string::npos);
+    }
 }
 
 TEST(RequestXmlHelperTest, DocumentOutlivesSchemaChange) {
