@@ -1,0 +1,69 @@
+#pragma once
+
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/AbstractRequestSchema.h"
+
+#include <xercesc/dom/DOMDocument.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace Kestrane {
+
+// Parses and validates every message of the system. The schema is the base schema joined with
+// the fragments that handlers add while a process sets up; it only grows.
+//
+// The grammar is compiled once per schema version, into a locked grammar pool that parsers share
+// read-only. Each thread keeps its own parser on the current pool and rebuilds it when a fragment
+// has been added, so parse() takes no lock of its own beyond fetching the current version.
+class RequestXmlHelper {
+public:
+    static constexpr const char* c_namespaceUri =
+        "http://schemas.kestrane.net/remote-computation/KSRequests.xsd";
+    static constexpr const char* c_xsiNamespaceUri = "http://www.w3.org/2001/XMLSchema-instance";
+
+    static RequestXmlHelper* getInstance();
+
+    // The namespace declarations that every document puts on its root element:
+    // xmlns:xsi="..." xmlns="...".
+    static std::string getNamespaceDeclarations();
+
+    // Joins the fragment into the schema and recompiles it. A fragment whose text was added
+    // before, or an empty one, changes nothing. A fragment that makes the schema invalid throws
+    // KsExceptionNested and is not kept.
+    void addSchema(const AbstractRequestSchema& schema);
+
+    // Parses and validates a whole document; the caller owns the result and frees it with
+    // release(). Ignorable whitespace and comments are dropped, so that an element with
+    // element-only content has element children only. A document that is not well formed or not
+    // valid throws KsExceptionNested naming line, column and the parser's message.
+    // Safe from many threads at once.
+    xercesc::DOMDocument* parse(const std::string& text);
+
+    // The whole schema as it stands, for diagnostics.
+    std::string getSchemaText() const;
+    // Starts at 1 for the base schema and counts the fragments added.
+    uint64_t getSchemaVersion() const;
+
+    RequestXmlHelper(const RequestXmlHelper&) = delete;
+    RequestXmlHelper& operator=(const RequestXmlHelper&) = delete;
+
+private:
+    struct CompiledSchema;
+    struct ThreadParser;
+
+    RequestXmlHelper();
+    ~RequestXmlHelper() = default;
+
+    static std::shared_ptr<CompiledSchema> compile(const std::string& text, uint64_t version);
+    std::shared_ptr<CompiledSchema> getCompiledSchema() const;
+
+    mutable std::mutex m_addMutex; // serialises addSchema, guards m_fragments
+    std::vector<std::string> m_fragments;
+    mutable std::mutex m_compiledMutex; // guards the pointer m_compiled only
+    std::shared_ptr<CompiledSchema> m_compiled;
+};
+
+} // namespace Kestrane
