@@ -53,7 +53,8 @@ std::string RequestServerProgramOptions::usage() {
            "  --port-range R  number of ports to try from the first one on\n"
            "  -logLevel L     TRACE, DEBUG, INFO, WARN, ERROR or FATAL (default INFO)\n"
            "  -logFile PATH   also log to this file; -logFileSuffix S goes before its extension\n"
-           "Prints 'PORT <n>' as its first line once it listens. SIGINT or SIGTERM stop it.\n";
+           "Prints 'PORT <n>' as its first line once it listens, and 'PUBLISHER <n>' (the port\n"
+           "of its heartbeat publisher, -1 when none) as its second. SIGINT or SIGTERM stop it.\n";
 }
 
 } // namespace Kestrane

@@ -2,6 +2,8 @@
 // it.
 #include "RequestServerProgramOptions.h"
 
+#include "Platform/RemoteComputation/Service/RequestHandling/LivingProcess.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/Publisher.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
@@ -78,9 +80,14 @@ int main(int argc, char** argv) {
     }
     std::printf("PORT %u\n", static_cast<unsigned int>(server->getPort()));
     std::fflush(stdout);
+    // Heartbeat from the start, so that watchers can tell a busy server from a lost one.
+    std::printf("PUBLISHER %d\n", Publisher::getInstance()->getPort());
+    std::fflush(stdout);
+    LivingProcess::alive("RequestServer running", "");
 
     std::thread(watchSignals, signals, server).detach();
     server->waitForShutdown();
+    LivingProcess::shutdown();
     KS_INFO("ks-request-server stopped.");
     Logging::flush();
     return 0;
