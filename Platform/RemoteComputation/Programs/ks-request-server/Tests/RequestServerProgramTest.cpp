@@ -1,4 +1,4 @@
-#include "ServerProcess.h"
+#include "Platform/RemoteComputation/TestSupport/ServerProcess.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Socket.h"

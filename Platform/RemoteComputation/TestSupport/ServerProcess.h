@@ -9,6 +9,10 @@
 #include <unistd.h>
 #include <vector>
 
+#ifndef KS_BINARY_DIR
+#error "KS_BINARY_DIR names the build tree"
+#endif
+
 namespace Kestrane {
 namespace Testing {
 
@@ -50,21 +54,43 @@ public:
     }
 
     bool start() { return m_process.start(Computing::Detached); }
-    // The first line of standard output.
+    // Line `index` (from 0) of standard output, waiting for it at most `limit`.
+    std::string line(size_t index,
+                     std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) {
+        auto lines = [this] {
+            std::vector<std::string> result;
+            size_t start = 0, end;
+            while ((end = m_stdout.find('\n', start)) != std::string::npos) {
+                result.push_back(m_stdout.substr(start, end - start));
+                start = end + 1;
+            }
+            return result;
+        };
+        if (lines().size() <= index)
+            m_stdout += readPipe(m_process.getStandardOutputFd(), limit,
+                                 [&](const std::string& t) {
+                                     size_t count = 0;
+                                     for (char c : m_stdout + t)
+                                         count += c == '\n';
+                                     return count > index;
+                                 });
+        auto all = lines();
+        return index < all.size() ? all[index] : std::string();
+    }
     std::string firstLine(std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) {
-        m_stdout += readPipe(m_process.getStandardOutputFd(), limit, [this](const std::string& t) {
-            return (m_stdout + t).find('\n') != std::string::npos;
-        });
-        auto end = m_stdout.find('\n');
-        return end == std::string::npos ? m_stdout : m_stdout.substr(0, end);
+        return line(0, limit);
     }
-    // The port of a "PORT <n>" first line, or -1.
-    int port() {
-        std::string line = firstLine();
-        if (line.rfind("PORT ", 0) != 0)
+    // The number behind `word` at the start of line `index`, or -1.
+    int announced(size_t index, const std::string& word) {
+        std::string text = line(index);
+        if (text.rfind(word + " ", 0) != 0)
             return -1;
-        return std::stoi(line.substr(5));
+        return std::stoi(text.substr(word.size() + 1));
     }
+    // The port of the "PORT <n>" first line, or -1.
+    int port() { return announced(0, "PORT"); }
+    // The port of the "PUBLISHER <n>" second line, or -1.
+    int publisherPort() { return announced(1, "PUBLISHER"); }
     // Standard error until the process closes it (it ends) or the time is up.
     std::string standardError(std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) {
         m_stderr += readPipe(m_process.getStandardErrorFd(), limit,
