@@ -2,6 +2,7 @@
 
 #include "Platform/RemoteComputation/Service/RequestHandling/Publisher.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -34,8 +35,7 @@ std::string WatchPrinter::now() {
 std::string WatchPrinter::describe(const std::string& topic,
                                    const std::vector<std::string>& content) {
     std::string padded = topic;
-    if (padded.size() < 7)
-        padded.resize(7, ' ');
+    padded.resize(std::max<size_t>(7, topic.size() + 1), ' ');
     if (topic == Publisher::c_topicAlive && content.size() == 2)
         return padded + content[1] + "  (since " + content[0] + ")";
     if (topic == Publisher::c_topicLogMessage && content.size() == 4)
