@@ -5,6 +5,7 @@
 #include <zmq.hpp>
 
 #include <cstdlib>
+#include <cstring>
 
 namespace Kestrane {
 
@@ -84,11 +85,14 @@ Publisher::Publisher(int firstPort, int range) : m_socket(std::make_unique<Socke
 Publisher::~Publisher() = default;
 
 void Publisher::publish(const std::string& topic, const std::vector<std::string>& content) {
-    std::string head = topic + "|";
+    // The topic frame is built without a heap allocation: publishing is on hot paths.
+    zmq::message_t head(topic.size() + 1);
+    std::memcpy(head.data(), topic.data(), topic.size());
+    static_cast<char*>(head.data())[topic.size()] = '|';
     {
         boost::lock_guard<boost::mutex> lock(m_mutex);
         auto more = content.empty() ? zmq::send_flags::none : zmq::send_flags::sndmore;
-        bool sent = m_socket->socket.send(zmq::buffer(head), more).has_value();
+        bool sent = m_socket->socket.send(head, more).has_value();
         for (size_t i = 0; sent && i < content.size(); ++i) {
             auto flags = i + 1 < content.size() ? zmq::send_flags::sndmore : zmq::send_flags::none;
             sent = m_socket->socket.send(zmq::buffer(content[i]), flags).has_value();
