@@ -1,0 +1,163 @@
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LoggingSettings.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Tests/TestHelpers.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+using namespace Kestrane;
+
+namespace {
+Logging s_logging(__FILE__);
+
+class LoggingSettingsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_level = Logging::getLevel();
+        ::unsetenv("KS_LOG_LEVEL");
+    }
+    void TearDown() override {
+        ::unsetenv("KS_LOG_LEVEL");
+        LoggingSettings::get()->setLogFile("", "");
+        Logging::setLevel(m_level);
+    }
+    LoggingSettings& settings() { return *LoggingSettings::get(); }
+    LogLevel m_level = LogLevel::Info;
+};
+
+std::string thrownMessage(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const KsException& e) {
+        return e.getMessage();
+    }
+    return "<nothing thrown>";
+}
+} // namespace
+
+TEST_F(LoggingSettingsTest, GetReturnsOneObject) {
+    EXPECT_NE(LoggingSettings::get(), nullptr);
+    EXPECT_EQ(LoggingSettings::get(), LoggingSettings::get());
+}
+
+TEST_F(LoggingSettingsTest, OptionsAreTakenOutOfTheArguments) {
+    TestSupport::TempDir dir;
+    std::string file = dir.file("run.log");
+    std::vector<std::string> args{"prog", "-logLevel",      "debug", "first", "-logFile",
+                                  file,   "-logFileSuffix", "_3",    "last"};
+    settings().parseCommandLine(args);
+    EXPECT_EQ(args, (std::vector<std::string>{"prog", "first", "last"}));
+    EXPECT_EQ(settings().getLevel(), LogLevel::Debug);
+    EXPECT_EQ(Logging::getLevel(), LogLevel::Debug);
+    EXPECT_EQ(settings().getLogFile(), file);
+    EXPECT_EQ(settings().getLogFileSuffix(), "_3");
+    EXPECT_EQ(settings().getEffectiveLogFile(), dir.file("run_3.log"));
+
+    KS_INFO("into the suffixed file");
+    Logging::flush();
+    EXPECT_NE(TestSupport::readFile(dir.file("run_3.log")).find("into the suffixed file"),
+              std::string::npos);
+    EXPECT_FALSE(boost::filesystem::exists(file)) << "only the suffixed file is written";
+}
+
+TEST_F(LoggingSettingsTest, ArgumentsWithoutOptionsStayAsTheyAre) {
+    Logging::setLevel(LogLevel::Warn);
+    std::vector<std::string> args{"a", "-other", "b"};
+    settings().parseCommandLine(args);
+    EXPECT_EQ(args, (std::vector<std::string>{"a", "-other", "b"}));
+    EXPECT_EQ(Logging::getLevel(), LogLevel::Warn);
+    EXPECT_EQ(settings().getLogFile(), "");
+}
+
+TEST_F(LoggingSettingsTest, MissingValueThrowsNamingTheOption) {
+    for (const char* option : {"-logLevel", "-logFile", "-logFileSuffix"}) {
+        std::vector<std::string> args{"prog", option};
+        std::string message = thrownMessage([&] { settings().parseCommandLine(args); });
+        EXPECT_NE(message.find(option), std::string::npos) << message;
+        EXPECT_NE(message.find("Missing value"), std::string::npos) << message;
+    }
+}
+
+TEST_F(LoggingSettingsTest, BadLevelThrowsNamingOptionAndValue) {
+    Logging::setLevel(LogLevel::Info);
+    std::vector<std::string> args{"-logLevel", "loud"};
+    std::string message = thrownMessage([&] { settings().parseCommandLine(args); });
+    EXPECT_NE(message.find("-logLevel"), std::string::npos) << message;
+    EXPECT_NE(message.find("'loud'"), std::string::npos) << message;
+    EXPECT_EQ(Logging::getLevel(), LogLevel::Info);
+}
+
+TEST_F(LoggingSettingsTest, EnvironmentLevelIsApplied) {
+    Logging::setLevel(LogLevel::Info);
+    ::setenv("KS_LOG_LEVEL", "error", 1);
+    settings().applyEnvironment();
+    EXPECT_EQ(Logging::getLevel(), LogLevel::Error);
+}
+
+TEST_F(LoggingSettingsTest, EmptyOrUnsetEnvironmentChangesNothing) {
+    Logging::setLevel(LogLevel::Debug);
+    settings().applyEnvironment();
+    EXPECT_EQ(Logging::getLevel(), LogLevel::Debug);
+    ::setenv("KS_LOG_LEVEL", "", 1);
+    settings().applyEnvironment();
+    EXPECT_EQ(Logging::getLevel(), LogLevel::Debug);
+}
+
+TEST_F(LoggingSettingsTest, BadEnvironmentLevelThrowsNamingTheVariable) {
+    Logging::setLevel(LogLevel::Info);
+    ::setenv("KS_LOG_LEVEL", "chatty", 1);
+    std::string message = thrownMessage([&] { settings().applyEnvironment(); });
+    EXPECT_NE(message.find("KS_LOG_LEVEL"), std::string::npos) << message;
+    EXPECT_NE(message.find("chatty"), std::string::npos) << message;
+    EXPECT_EQ(Logging::getLevel(), LogLevel::Info);
+}
+
+TEST_F(LoggingSettingsTest, SuffixGoesBeforeTheExtension) {
+    struct Case {
+        std::string file, suffix, expected;
+    };
+    const Case cases[] = {
+        {"run.log", "_2", "run_2.log"},
+        {"/var/log/server.txt", "-7", "/var/log/server-7.txt"},
+        {"/a.dir/noext", "_2", "/a.dir/noext_2"},
+        {"archive.tar.gz", "_1", "archive.tar_1.gz"},
+        {"/tmp/.hidden", "_4", "/tmp/.hidden_4"},
+        {"plain", "_5", "plain_5"},
+        {"run.log", "", "run.log"},
+        {"", "_9", ""},
+    };
+    for (const auto& c : cases) {
+        settings().setLogFile(c.file, c.suffix);
+        EXPECT_EQ(settings().getEffectiveLogFile(), c.expected) << c.file << " + " << c.suffix;
+        settings().setLogFile("", "");
+    }
+}
+
+TEST_F(LoggingSettingsTest, CmdArgsCarryLevelAndFileButNotSuffix) {
+    Logging::setLevel(LogLevel::Warn);
+    EXPECT_EQ(settings().getCmdArgs(), (std::vector<std::string>{"-logLevel", "WARN"}));
+
+    TestSupport::TempDir dir;
+    std::string file = dir.file("server.log");
+    settings().setLogFile(file, "_8");
+    EXPECT_EQ(settings().getCmdArgs(),
+              (std::vector<std::string>{"-logLevel", "WARN", "-logFile", file}));
+}
+
+TEST_F(LoggingSettingsTest, CmdArgsParseBackToTheSameSettings) {
+    TestSupport::TempDir dir;
+    std::string file = dir.file("x.log");
+    Logging::setLevel(LogLevel::Trace);
+    settings().setLogFile(file, "");
+    std::vector<std::string> args = settings().getCmdArgs();
+    args.insert(args.begin(), "prog");
+
+    Logging::setLevel(LogLevel::Error);
+    settings().setLogFile("", "");
+    settings().parseCommandLine(args);
+    EXPECT_EQ(args, std::vector<std::string>{"prog"});
+    EXPECT_EQ(Logging::getLevel(), LogLevel::Trace);
+    EXPECT_EQ(settings().getLogFile(), file);
+}
