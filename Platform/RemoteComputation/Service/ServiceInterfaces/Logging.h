@@ -37,7 +37,8 @@ public:
     // Level of the lines that reach standard error and the log file.
     static void setLevel(LogLevel level);
     static LogLevel getLevel();
-    // Adds a log file (appending); an empty path closes the current one.
+    // Adds a log file (appending); an empty path closes the current one. Throws KsException
+    // when the file cannot be opened (the previous file is closed all the same).
     static void setLogFile(const std::string& path);
     static void flush();
 
@@ -53,14 +54,14 @@ private:
 
 // Composes a message with a string stream and logs it with file, function signature and line,
 // only when the level is enabled. Expects a file-static `Logging s_logging`.
-#define KS_LOG_AT(LEVEL, expr)                                                                 \
-    do {                                                                                       \
-        if (::Kestrane::Logging::isEnabled(::Kestrane::LogLevel::LEVEL)) {                     \
-            std::ostringstream ks_log_stream_;                                                 \
-            ks_log_stream_ << expr;                                                            \
-            s_logging.log(::Kestrane::LogLevel::LEVEL, ks_log_stream_.str(), __FILE__,         \
-                          __PRETTY_FUNCTION__, __LINE__);                                      \
-        }                                                                                      \
+#define KS_LOG_AT(LEVEL, expr)                                                                     \
+    do {                                                                                           \
+        if (::Kestrane::Logging::isEnabled(::Kestrane::LogLevel::LEVEL)) {                         \
+            std::ostringstream ks_log_stream_;                                                     \
+            ks_log_stream_ << expr;                                                                \
+            s_logging.log(::Kestrane::LogLevel::LEVEL, ks_log_stream_.str(), __FILE__,             \
+                          __PRETTY_FUNCTION__, __LINE__);                                          \
+        }                                                                                          \
     } while (0)
 #define KS_TRACE(expr) KS_LOG_AT(Trace, expr)
 #define KS_DEBUG(expr) KS_LOG_AT(Debug, expr)

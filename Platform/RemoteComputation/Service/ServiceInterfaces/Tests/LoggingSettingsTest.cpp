@@ -115,24 +115,48 @@ TEST_F(LoggingSettingsTest, BadEnvironmentLevelThrowsNamingTheVariable) {
 }
 
 TEST_F(LoggingSettingsTest, SuffixGoesBeforeTheExtension) {
+    TestSupport::TempDir dir;
+    const std::string d = dir.path();
     struct Case {
         std::string file, suffix, expected;
     };
     const Case cases[] = {
-        {"run.log", "_2", "run_2.log"},
-        {"/var/log/server.txt", "-7", "/var/log/server-7.txt"},
-        {"/a.dir/noext", "_2", "/a.dir/noext_2"},
-        {"archive.tar.gz", "_1", "archive.tar_1.gz"},
-        {"/tmp/.hidden", "_4", "/tmp/.hidden_4"},
-        {"plain", "_5", "plain_5"},
-        {"run.log", "", "run.log"},
+        {d + "/run.log", "_2", d + "/run_2.log"},
+        {d + "/server.txt", "-7", d + "/server-7.txt"},
+        {d + "/a.dir/noext", "_2", d + "/a.dir/noext_2"},
+        {d + "/archive.tar.gz", "_1", d + "/archive.tar_1.gz"},
+        {d + "/.hidden", "_4", d + "/.hidden_4"},
+        {d + "/plain", "_5", d + "/plain_5"},
+        {d + "/same.log", "", d + "/same.log"},
         {"", "_9", ""},
     };
     for (const auto& c : cases) {
         settings().setLogFile(c.file, c.suffix);
         EXPECT_EQ(settings().getEffectiveLogFile(), c.expected) << c.file << " + " << c.suffix;
         settings().setLogFile("", "");
+        if (!c.expected.empty()) {
+            EXPECT_TRUE(boost::filesystem::exists(c.expected)) << c.expected;
+            if (c.expected != c.file) {
+                EXPECT_FALSE(boost::filesystem::exists(c.file)) << c.file;
+            }
+        }
     }
+}
+
+TEST_F(LoggingSettingsTest, LogFileThatCannotBeOpenedGivesAClearException) {
+    TestSupport::TempDir dir;
+    std::string blocker = dir.file("plain-file");
+    TestSupport::writeFile(blocker, "x");
+    std::string impossible = blocker + "/sub/x.log";
+    std::vector<std::string> args{"prog", "-logFile", impossible};
+    std::string message = thrownMessage([&] { settings().parseCommandLine(args); });
+    EXPECT_NE(message.find("-logFile"), std::string::npos) << message;
+    EXPECT_NE(message.find(impossible), std::string::npos) << message;
+    EXPECT_EQ(settings().getLogFile(), "") << "a file that cannot be opened is not kept";
+
+    LogCapture capture;
+    KS_INFO("logging goes on");
+    EXPECT_TRUE(capture.contains("logging goes on"));
 }
 
 TEST_F(LoggingSettingsTest, CmdArgsCarryLevelAndFileButNotSuffix) {
