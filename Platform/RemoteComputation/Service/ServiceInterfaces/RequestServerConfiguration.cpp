@@ -46,12 +46,13 @@ enum Setting {
     SettingCount
 };
 
+// "localRPingIntervalSec" -> "KS_LOCAL_R_PING_INTERVAL_SEC": every upper-case letter starts a
+// word, so that each name has one obvious variable.
 std::string environmentName(const std::string& name) {
     std::string result = "KS_";
     for (size_t i = 0; i < name.size(); ++i) {
         char c = name[i];
-        if (std::isupper(static_cast<unsigned char>(c)) && i > 0 &&
-            !std::isupper(static_cast<unsigned char>(name[i - 1])))
+        if (std::isupper(static_cast<unsigned char>(c)) && i > 0)
             result += '_';
         result += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     }
@@ -137,11 +138,13 @@ RequestServerConfiguration::describeSettings() {
         info("portRange", Kind::UInt16, "100", "ports", "Number of ports tried from listenPort on"),
         info("localHost", Kind::Text, "", "host name",
              "Name under which this host is given to others (empty: the host name)"),
-        info("autoShutdown", Kind::Bool, "false", "", "Stop the server after shutdownTimeout idle seconds"),
+        info("autoShutdown", Kind::Bool, "false", "",
+             "Stop the server after shutdownTimeout idle seconds"),
         info("shutdownTimeout", Kind::UInt32, "600", "s", "Idle time before an automatic stop"),
         info("maxRequestHandlerPoolSize", Kind::UInt32, "64", "threads",
              "Worker threads for connections, requests and cached replies together"),
-        info("sendReplyMaxRetry", Kind::UInt32, "3", "retries", "Retries of a failed reply delivery"),
+        info("sendReplyMaxRetry", Kind::UInt32, "3", "retries",
+             "Retries of a failed reply delivery"),
         info("sendReplyRetryDelay", Kind::UInt32, "5", "s", "Wait between reply delivery retries"),
         info("maxGetStatusTime", Kind::UInt32, "30", "s", "Time limit of a status query"),
         info("callbackTimeout", Kind::UInt32, "60", "s", "Wait for a started server's callback"),
@@ -161,7 +164,8 @@ RequestServerConfiguration::describeSettings() {
         info("fileTransferProgressUpdateInterval", Kind::UInt32, "5", "s",
              "Period of further progress lines of a file transfer"),
         info("computationCores", Kind::Int32, "1", "cores", "Cores that a worker announces"),
-        info("keepTempFiles", Kind::Bool, "false", "", "Keep temporary files instead of deleting them"),
+        info("keepTempFiles", Kind::Bool, "false", "",
+             "Keep temporary files instead of deleting them"),
         info("socketTimeout", Kind::UInt32, "300", "s",
              "Longest silence inside a conversation before the connection is given up; 0: none"),
     };
@@ -242,14 +246,15 @@ void RequestServerConfiguration::loadFile(const std::string& path) {
                           std::to_string(e.getLineNumber()) + ", column " +
                           std::to_string(e.getColumnNumber()) + "): " + toUtf8(e.getMessage()));
     } catch (const XMLException& e) {
-        throw KsException("Settings file '" + path + "' cannot be read: " +
-                          toUtf8(e.getMessage()));
+        throw KsException("Settings file '" + path + "' cannot be read: " + toUtf8(e.getMessage()));
     }
     DOMDocument* document = parser.getDocument();
     DOMElement* root = document ? document->getDocumentElement() : nullptr;
     if (!root || toUtf8(root->getTagName()) != "requestServerConfiguration")
         throw KsException("Settings file '" + path +
                           "' has no root element 'requestServerConfiguration'");
+    // Every value is checked before any is applied: a rejected file changes nothing.
+    std::vector<std::pair<std::string, std::string>> values;
     for (DOMElement* child = root->getFirstElementChild(); child;
          child = child->getNextElementSibling()) {
         std::string name = toUtf8(child->getTagName());
@@ -257,15 +262,25 @@ void RequestServerConfiguration::loadFile(const std::string& path) {
         value.erase(0, value.find_first_not_of(" \t\r\n"));
         value.erase(value.find_last_not_of(" \t\r\n") + 1);
         try {
-            setValue(name, value);
+            size_t index = indexOf(name);
+            const auto& setting = describeSettings()[index];
+            if (setting.kind != Kind::Text)
+                parseValue(setting, index, value);
         } catch (const KsException& e) {
             throw KsException("Settings file '" + path + "': " + e.getMessage());
         }
+        values.emplace_back(name, value);
     }
+    for (const auto& [name, value] : values)
+        setValue(name, value);
 }
 
-uint16_t RequestServerConfiguration::getListenPort() const { return number(ListenPort); }
-uint16_t RequestServerConfiguration::getPortRange() const { return number(PortRange); }
+uint16_t RequestServerConfiguration::getListenPort() const {
+    return number(ListenPort);
+}
+uint16_t RequestServerConfiguration::getPortRange() const {
+    return number(PortRange);
+}
 std::string RequestServerConfiguration::getLocalHost() const {
     {
         std::lock_guard<std::mutex> lock(m_textMutex);
@@ -274,7 +289,9 @@ std::string RequestServerConfiguration::getLocalHost() const {
     }
     return Computing::Utility::getHostName();
 }
-bool RequestServerConfiguration::getAutoShutdown() const { return number(AutoShutdown) != 0; }
+bool RequestServerConfiguration::getAutoShutdown() const {
+    return number(AutoShutdown) != 0;
+}
 unsigned int RequestServerConfiguration::getShutdownTimeout() const {
     return number(ShutdownTimeout);
 }
@@ -299,8 +316,12 @@ unsigned int RequestServerConfiguration::getJSUpdateInterval() const {
 unsigned int RequestServerConfiguration::getAlivePublishInterval() const {
     return number(AlivePublishInterval);
 }
-unsigned int RequestServerConfiguration::getMaxAliveAge() const { return number(MaxAliveAge); }
-unsigned int RequestServerConfiguration::getMaxChangeAge() const { return number(MaxChangeAge); }
+unsigned int RequestServerConfiguration::getMaxAliveAge() const {
+    return number(MaxAliveAge);
+}
+unsigned int RequestServerConfiguration::getMaxChangeAge() const {
+    return number(MaxChangeAge);
+}
 unsigned int RequestServerConfiguration::getRPingIntervalSec() const {
     return number(RPingIntervalSec);
 }
@@ -322,7 +343,9 @@ unsigned int RequestServerConfiguration::getFileTransferProgressUpdateInterval()
 int RequestServerConfiguration::getComputationCores() const {
     return static_cast<int>(number(ComputationCores));
 }
-bool RequestServerConfiguration::keepTempFiles() const { return number(KeepTempFiles) != 0; }
+bool RequestServerConfiguration::keepTempFiles() const {
+    return number(KeepTempFiles) != 0;
+}
 unsigned int RequestServerConfiguration::getSocketTimeout() const {
     return number(SocketTimeout);
 }
