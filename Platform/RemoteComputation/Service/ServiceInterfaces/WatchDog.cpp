@@ -12,9 +12,7 @@ Logging s_logging(__FILE__);
 
 WatchDog::WatchDog(uint64_t period) : m_period(period == 0 ? 1 : period) {}
 
-WatchDog::~WatchDog() {
-    stopWatching();
-}
+WatchDog::~WatchDog() { stopWatching(); }
 
 void WatchDog::watchThis(Watchable* watchable) {
     boost::lock_guard<boost::mutex> lock(m_mutex);
@@ -71,9 +69,8 @@ void WatchDog::run() {
     boost::unique_lock<boost::mutex> lock(m_mutex);
     while (!m_stopRequested) {
         next += std::chrono::milliseconds(m_period);
-        auto deadline =
-            boost::chrono::steady_clock::now() +
-            boost::chrono::nanoseconds((next - std::chrono::steady_clock::now()).count());
+        auto deadline = boost::chrono::steady_clock::now() +
+                        boost::chrono::nanoseconds((next - std::chrono::steady_clock::now()).count());
         m_condition.wait_until(lock, deadline, [this] { return m_stopRequested; });
         if (m_stopRequested)
             break;
