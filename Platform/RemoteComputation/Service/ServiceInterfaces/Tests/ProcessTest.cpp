@@ -154,3 +154,27 @@ TEST(ProcessTest, DestroyedAfterChildEndedLeavesNoZombie) {
     }
     EXPECT_FALSE(procEntryExists(pid));
 }
+
+TEST(ProcessTest, SecondStartWhileRunningIsRefused) {
+    Process process("/bin/sleep", {"30"});
+    ASSERT_TRUE(process.start());
+    pid_t first = process.getPid();
+    EXPECT_FALSE(process.start());
+    EXPECT_NE(process.getErrorMessage().find("/bin/sleep"), std::string::npos)
+        << process.getErrorMessage();
+    EXPECT_EQ(process.getPid(), first);
+    EXPECT_TRUE(process.kill(SIGKILL));
+    EXPECT_EQ(process.wait(), 128 + SIGKILL);
+    EXPECT_FALSE(procEntryExists(first));
+}
+
+TEST(ProcessTest, StartAgainAfterTheEndReapsTheFirstChild) {
+    Process process("/bin/sh", {"-c", "exit 4"});
+    ASSERT_TRUE(process.start());
+    pid_t first = process.getPid();
+    ASSERT_TRUE(waitUntil([&] { return procState(first) == 'Z'; }, std::chrono::seconds(10)));
+    ASSERT_TRUE(process.start()) << process.getErrorMessage();
+    EXPECT_NE(process.getPid(), first);
+    EXPECT_FALSE(procEntryExists(first)) << "the first child was left a zombie";
+    EXPECT_EQ(process.wait(), 4);
+}
