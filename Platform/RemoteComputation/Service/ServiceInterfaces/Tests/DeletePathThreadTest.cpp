@@ -5,7 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdio>
 #include <thread>
+#include <unistd.h>
 
 using namespace Kestrane;
 using TestSupport::TempDir;
@@ -120,6 +123,34 @@ TEST_F(DeletePathThreadTest, ManyThreadsHandOverAtOnce) {
         });
     for (auto& thread : threads)
         thread.join();
+    DeletePathThread::shutdown();
+    for (const auto& path : paths)
+        EXPECT_FALSE(FileUtilities::exists(path)) << path.toString();
+}
+
+TEST_F(DeletePathThreadTest, ShutdownRacingWithNewWorkEnds) {
+    TempDir dir;
+    std::atomic<bool> done{false};
+    std::vector<FileName> paths;
+    for (int i = 0; i < 200; ++i)
+        paths.push_back(makeFile(dir, "r" + std::to_string(i)));
+    std::thread adder([&] {
+        for (const auto& path : paths)
+            DeletePathThread::deletePath(path, false);
+    });
+    std::thread stopper([&] {
+        for (int i = 0; i < 200; ++i)
+            DeletePathThread::shutdown();
+        done = true;
+    });
+    bool finished = waitUntil([&] { return done.load(); }, std::chrono::seconds(20));
+    if (!finished) {
+        std::fprintf(stderr, "shutdown() hung while paths were handed over\n");
+        std::fflush(stderr);
+        ::_exit(1);
+    }
+    adder.join();
+    stopper.join();
     DeletePathThread::shutdown();
     for (const auto& path : paths)
         EXPECT_FALSE(FileUtilities::exists(path)) << path.toString();
