@@ -69,6 +69,9 @@ void WatchDog::run() {
     boost::unique_lock<boost::mutex> lock(m_mutex);
     while (!m_stopRequested) {
         next += std::chrono::milliseconds(m_period);
+        auto now = std::chrono::steady_clock::now();
+        if (next < now)
+            next = now; // a tick overran: go on from now instead of a burst of late ticks
         auto deadline = boost::chrono::steady_clock::now() +
                         boost::chrono::nanoseconds((next - std::chrono::steady_clock::now()).count());
         m_condition.wait_until(lock, deadline, [this] { return m_stopRequested; });

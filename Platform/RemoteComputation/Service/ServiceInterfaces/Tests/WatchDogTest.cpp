@@ -99,6 +99,26 @@ TEST(WatchDogTest, TicksAtThePeriod) {
     EXPECT_LT(times[4] - start, std::chrono::seconds(5));
 }
 
+TEST(WatchDogTest, SlowTickIsNotFollowedByABurst) {
+    constexpr int c_period = 20;
+    Recorder recorder([](int tick) {
+        if (tick == 1)
+            std::this_thread::sleep_for(std::chrono::milliseconds(4 * c_period));
+        return true;
+    });
+    WatchDog dog(c_period);
+    dog.watchThis(&recorder);
+    ASSERT_TRUE(dog.startWatching());
+    ASSERT_TRUE(waitUntil([&] { return recorder.ticks() >= 5; }, std::chrono::seconds(10)));
+    EXPECT_TRUE(dog.stopWatching());
+    auto times = recorder.tickTimes();
+    for (size_t i = 1; i < times.size(); ++i)
+        EXPECT_GE(
+            std::chrono::duration_cast<std::chrono::microseconds>(times[i] - times[i - 1]).count(),
+            (c_period - 2) * 1000)
+            << "ticks " << i << " and " << i + 1 << " came back to back";
+}
+
 TEST(WatchDogTest, NoTickBeforeThePeriod) {
     Recorder recorder;
     WatchDog dog(10000);
