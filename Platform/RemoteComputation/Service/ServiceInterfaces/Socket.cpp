@@ -199,6 +199,9 @@ void ClientSocket::connect(const std::string& host, int port) {
     close();
     m_readPos = m_readEnd = 0;
     m_pending.clear();
+    // getaddrinfo() keeps only the low 16 bits of a larger number, which would reach another port.
+    if (port < 1 || port > 65535)
+        throw Error("connect to " + host + ":" + std::to_string(port), "port out of range");
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;

@@ -363,3 +363,15 @@ TEST(SocketTest, ReconnectingAClientSocket) {
     pair.server->setTimeout(2000);
     EXPECT_FALSE(pair.server->receiveDataBlock(&byte, 1)) << "the first connection was closed";
 }
+
+TEST(SocketTest, ConnectToAPortOutOfRangeThrows) {
+    ListenSocket listener(0, 1, 10);
+    int port = listener.getListenPort();
+    for (int bad : {port + 65536, -1, 0, 65536 * 2 + port}) {
+        ClientSocket client;
+        std::string text = errorText([&] { client.connect("127.0.0.1", bad); });
+        EXPECT_NE(text.find("connect to 127.0.0.1:" + std::to_string(bad)), std::string::npos)
+            << text;
+        EXPECT_FALSE(client.isOpen()) << bad;
+    }
+}
