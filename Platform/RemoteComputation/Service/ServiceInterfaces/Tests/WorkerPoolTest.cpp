@@ -246,3 +246,20 @@ TEST(WorkerPoolTest, PoolIsReusableAfterWaiting) {
         EXPECT_EQ(counters.finished, 4 * round);
     }
 }
+
+TEST(WorkerPoolTest, QueuedTasksRunInArrivalOrder) {
+    std::mutex mutex;
+    std::vector<int> order;
+    Counters counters;
+    counters.close();
+    Tasks::WorkerPool pool(1, Thread::Normal);
+    pool.addTask(std::make_shared<CountingTask>(counters));
+    for (int i = 0; i < 10; ++i)
+        pool.addTask(std::make_shared<CountingTask>(counters, [&, i] {
+            std::lock_guard<std::mutex> lock(mutex);
+            order.push_back(i);
+        }));
+    counters.release();
+    pool.waitForAllTasks();
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
+}
