@@ -6,6 +6,7 @@
 
 #include <regex>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -165,9 +166,11 @@ TEST_F(LoggingTest, NamedOperationsLogAtTheirLevel) {
 TEST_F(LoggingTest, FatalDoesNotEndTheProcess) {
     LogCapture capture;
     KS_FATAL("fatal but alive");
-    bool stillHere = true;
-    EXPECT_TRUE(stillHere);
+    s_logging.logFATAL("fatal again", __FILE__, __PRETTY_FUNCTION__, __LINE__);
+    KS_INFO("still logging after fatal");
     EXPECT_TRUE(capture.contains(LogLevel::Fatal, "fatal but alive"));
+    EXPECT_TRUE(capture.contains(LogLevel::Fatal, "fatal again"));
+    EXPECT_TRUE(capture.contains(LogLevel::Info, "still logging after fatal"));
 }
 
 TEST_F(LoggingTest, WaitForSeesLineFromAnotherThread) {
@@ -241,4 +244,18 @@ TEST_F(LoggingTest, ManyThreadsLogWithoutLoss) {
         thread.join();
     EXPECT_EQ(capture.entries().size(), 800u);
     EXPECT_TRUE(capture.contains("thread 3 line 199"));
+}
+
+TEST_F(LoggingTest, FatalInAChildLetsItRunToItsOwnEnd) {
+    pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        KS_FATAL("fatal in the child");
+        Logging::flush();
+        ::_exit(7);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status)) << "the child was ended by a signal";
+    EXPECT_EQ(WEXITSTATUS(status), 7);
 }

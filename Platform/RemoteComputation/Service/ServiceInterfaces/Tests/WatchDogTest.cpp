@@ -255,3 +255,32 @@ TEST(WatchDogTest, DestructorStops) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(recorder.ticks(), ticks);
 }
+
+TEST(WatchDogTest, ObjectAddedWhileWatchingGetsTicks) {
+    Recorder first, late;
+    WatchDog dog(5);
+    dog.watchThis(&first);
+    ASSERT_TRUE(dog.startWatching());
+    ASSERT_TRUE(waitUntil([&] { return first.ticks() >= 2; }, std::chrono::seconds(10)));
+    dog.watchThis(&late);
+    ASSERT_TRUE(waitUntil([&] { return late.ticks() >= 2; }, std::chrono::seconds(10)));
+    EXPECT_TRUE(dog.stopWatching());
+    EXPECT_EQ(late.stops(), 1);
+    EXPECT_GT(first.ticks(), late.ticks());
+}
+
+TEST(WatchDogTest, WhenEveryObjectHasEndedTheDogStops) {
+    Recorder once([](int) { return false; });
+    WatchDog dog(5);
+    dog.watchThis(&once);
+    ASSERT_TRUE(dog.startWatching());
+    ASSERT_TRUE(waitUntil([&] { return !dog.isWatching(); }, std::chrono::seconds(10)));
+    EXPECT_EQ(once.ticks(), 1);
+    EXPECT_EQ(once.stops(), 0) << "an object that ended gets no stop call";
+    Recorder again;
+    dog.watchThis(&again);
+    ASSERT_TRUE(dog.startWatching()) << "a dog that stopped by itself starts again";
+    ASSERT_TRUE(waitUntil([&] { return again.ticks() >= 1; }, std::chrono::seconds(10)));
+    EXPECT_TRUE(dog.stopWatching());
+    EXPECT_EQ(once.ticks(), 1);
+}
