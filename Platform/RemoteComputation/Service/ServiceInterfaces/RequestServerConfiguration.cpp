@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <stdexcept>
 
 namespace Kestrane {
 
@@ -117,11 +118,16 @@ int64_t parseValue(const RequestServerConfiguration::SettingInfo& setting, size_
     if (text.empty())
         return reject(expected);
     size_t start = (text[0] == '-' || text[0] == '+') ? 1 : 0;
-    if (start == text.size() ||
-        !std::all_of(text.begin() + start, text.end(), [](char c) { return std::isdigit(c); }) ||
+    auto isDigit = [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; };
+    if (start == text.size() || !std::all_of(text.begin() + start, text.end(), isDigit) ||
         text.size() > 19)
         return reject(expected);
-    int64_t value = std::stoll(text);
+    int64_t value;
+    try {
+        value = std::stoll(text);
+    } catch (const std::out_of_range&) { // 19 digits beyond the 64-bit range
+        return reject(expected);
+    }
     if (value < lowest || value > highest)
         return reject(expected);
     return value;

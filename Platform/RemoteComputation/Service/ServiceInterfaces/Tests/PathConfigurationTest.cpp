@@ -1,5 +1,6 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/PathConfiguration.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/FileUtilities.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Tests/TestHelpers.h"
 
 #include <gtest/gtest.h>
@@ -66,4 +67,12 @@ TEST_F(PathConfigurationTest, DefaultIsBelowTheSystemTemporaryDirectory) {
     EXPECT_EQ(path.getLeafName().rfind("kestrane-", 0), 0u) << path.toString();
     EXPECT_GT(path.getLeafName().size(), std::string("kestrane-").size());
     EXPECT_TRUE(FileUtilities::isDirectory(path));
+}
+
+TEST_F(PathConfigurationTest, DirectoryThatCannotBeCreatedThrows) {
+    TempDir dir;
+    std::string blocker = dir.file("plain-file");
+    TestSupport::writeFile(blocker, "x");
+    PathConfiguration::setKsPathTmp(FileName(blocker) / "tmp");
+    EXPECT_THROW(PathConfiguration::getKsPathTmp(), KsExceptionNested);
 }
