@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <regex>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -258,4 +259,36 @@ TEST_F(LoggingTest, FatalInAChildLetsItRunToItsOwnEnd) {
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status)) << "the child was ended by a signal";
     EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+TEST_F(LoggingTest, LogFileCanChangeWhileOtherThreadsLog) {
+    TestSupport::TempDir dir;
+    Logging::setLevel(LogLevel::Warn);
+    std::atomic<bool> stop{false};
+    std::atomic<int> lines{0};
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 2; ++t)
+        writers.emplace_back([&] {
+            for (int i = 0; i < 300 && !stop; ++i) {
+                KS_DEBUG("quiet line"); // below the level: not written anywhere
+                KS_WARN("busy line " << lines++);
+            }
+        });
+    Logging::setLogFile(dir.file("switch0.log"));
+    TestSupport::waitUntil([&] { return lines >= 10; }, std::chrono::seconds(5));
+    for (int i = 1; i < 40; ++i)
+        Logging::setLogFile(dir.file("switch" + std::to_string(i % 4) + ".log"));
+    Logging::setLogFile("");
+    stop = true;
+    for (auto& writer : writers)
+        writer.join();
+    EXPECT_GT(lines.load(), 0);
+    size_t found = 0;
+    for (int i = 0; i < 4; ++i) {
+        std::string content =
+            TestSupport::readFile(dir.file("switch" + std::to_string(i) + ".log"));
+        EXPECT_EQ(content.find("quiet line"), std::string::npos);
+        found += content.find("busy line") != std::string::npos;
+    }
+    EXPECT_GT(found, 0u);
 }
