@@ -266,6 +266,7 @@ TEST_F(LoggingTest, LogFileCanChangeWhileOtherThreadsLog) {
     Logging::setLevel(LogLevel::Warn);
     std::atomic<bool> stop{false};
     std::atomic<int> lines{0};
+    Logging::setLogFile(dir.file("switch0.log"));
     std::vector<std::thread> writers;
     for (int t = 0; t < 2; ++t)
         writers.emplace_back([&] {
@@ -274,7 +275,6 @@ TEST_F(LoggingTest, LogFileCanChangeWhileOtherThreadsLog) {
                 KS_WARN("busy line " << lines++);
             }
         });
-    Logging::setLogFile(dir.file("switch0.log"));
     TestSupport::waitUntil([&] { return lines >= 10; }, std::chrono::seconds(5));
     for (int i = 1; i < 40; ++i)
         Logging::setLogFile(dir.file("switch" + std::to_string(i % 4) + ".log"));
