@@ -101,9 +101,14 @@ TEST(WatchDogTest, TicksAtThePeriod) {
 
 TEST(WatchDogTest, SlowTickIsNotFollowedByABurst) {
     constexpr int c_period = 20;
-    Recorder recorder([](int tick) {
-        if (tick == 1)
-            std::this_thread::sleep_for(std::chrono::milliseconds(4 * c_period));
+    std::mutex mutex;
+    Clock::time_point slowTickEnd;
+    Recorder recorder([&](int tick) {
+        if (tick == 1) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5 * c_period));
+            std::lock_guard<std::mutex> lock(mutex);
+            slowTickEnd = Clock::now();
+        }
         return true;
     });
     WatchDog dog(c_period);
@@ -112,11 +117,14 @@ TEST(WatchDogTest, SlowTickIsNotFollowedByABurst) {
     ASSERT_TRUE(waitUntil([&] { return recorder.ticks() >= 5; }, std::chrono::seconds(10)));
     EXPECT_TRUE(dog.stopWatching());
     auto times = recorder.tickTimes();
-    for (size_t i = 1; i < times.size(); ++i)
-        EXPECT_GE(
-            std::chrono::duration_cast<std::chrono::microseconds>(times[i] - times[i - 1]).count(),
-            (c_period - 2) * 1000)
-            << "ticks " << i << " and " << i + 1 << " came back to back";
+    std::lock_guard<std::mutex> lock(mutex);
+    // The missed ticks are not made up for: at most one tick follows the slow one at once, the
+    // next one waits for the period.
+    int soon = 0;
+    for (const auto& time : times)
+        if (time >= slowTickEnd && time < slowTickEnd + std::chrono::milliseconds(c_period / 2))
+            ++soon;
+    EXPECT_LE(soon, 1) << "missed ticks came back to back";
 }
 
 TEST(WatchDogTest, NoTickBeforeThePeriod) {
