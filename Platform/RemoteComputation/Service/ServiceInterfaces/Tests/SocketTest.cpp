@@ -374,3 +374,51 @@ TEST(SocketTest, ConnectToAPortOutOfRangeThrows) {
         EXPECT_FALSE(client.isOpen()) << bad;
     }
 }
+
+TEST(SocketTest, ZeroBytesNeedNoPeer) {
+    Pair pair = connectPair();
+    pair.server->setTimeout(0);
+    char byte = 0;
+    auto start = Clock::now();
+    EXPECT_TRUE(pair.server->receiveDataBlock(&byte, 0));
+    std::string out;
+    EXPECT_TRUE(pair.server->receiveDataBlock(out, 0));
+    EXPECT_TRUE(out.empty());
+    EXPECT_TRUE(pair.client->sendDataBlock("", 0));
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
+}
+
+TEST(SocketTest, TimeoutZeroMeansNoLimit) {
+    Pair pair = connectPair();
+    pair.server->setTimeout(50);
+    pair.server->setTimeout(0);
+    std::thread sender([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        pair.client->sendDataBlock("late", 4);
+    });
+    char text[4];
+    bool received = pair.server->receiveDataBlock(text, 4);
+    sender.join();
+    ASSERT_TRUE(received) << "the read gave up although no limit was set";
+    EXPECT_EQ(std::string(text, 4), "late");
+}
+
+TEST(SocketTest, BytesArriveInOrderAcrossManyBlocks) {
+    Pair pair = connectPair();
+    std::thread sender([&] {
+        for (uint32_t i = 0; i < 2000; ++i)
+            pair.client->sendDataBlock(reinterpret_cast<const char*>(&i), sizeof(i), i % 3 != 0);
+        pair.client->sendDataBlock("", 0);
+    });
+    bool inOrder = true;
+    for (uint32_t i = 0; i < 2000; ++i) {
+        uint32_t value = 0;
+        if (!pair.server->receiveDataBlock(reinterpret_cast<char*>(&value), sizeof(value)) ||
+            value != i) {
+            inOrder = false;
+            break;
+        }
+    }
+    sender.join();
+    EXPECT_TRUE(inOrder);
+}
