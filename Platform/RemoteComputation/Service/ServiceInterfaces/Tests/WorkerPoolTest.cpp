@@ -7,10 +7,12 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
+#include <unistd.h>
 
 using namespace Kestrane;
 using TestSupport::waitUntil;
@@ -262,4 +264,35 @@ TEST(WorkerPoolTest, QueuedTasksRunInArrivalOrder) {
     counters.release();
     pool.waitForAllTasks();
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
+}
+
+TEST(WorkerPoolTest, TaskAddedWhileThePoolIsDestroyedStillRuns) {
+    Counters counters;
+    counters.close();
+    std::atomic<bool> followUpRan{false};
+    std::atomic<bool> destroyed{false};
+    auto pool = std::make_unique<Tasks::WorkerPool>(4, Thread::Normal);
+    Tasks::WorkerPool* raw = pool.get();
+    pool->addTask(std::make_shared<CountingTask>(counters, [&] {
+        // Runs while another thread destroys the pool; queues a follow-up when released.
+        std::unique_lock<std::mutex> lock(counters.mutex);
+        counters.released.wait(lock, [&] { return counters.open; });
+        lock.unlock();
+        raw->addTask(std::make_shared<CountingTask>(counters, [&] { followUpRan = true; }));
+    }));
+    ASSERT_TRUE(waitUntil([&] { return counters.running == 1; }, std::chrono::seconds(10)));
+    std::thread destroyer([&] {
+        pool.reset();
+        destroyed = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the destructor is waiting
+    counters.release();
+    if (!waitUntil([&] { return destroyed.load(); }, std::chrono::seconds(10))) {
+        std::fprintf(stderr, "the pool's destructor did not return\n");
+        std::fflush(stderr);
+        ::_exit(1);
+    }
+    destroyer.join();
+    EXPECT_TRUE(followUpRan);
+    EXPECT_EQ(counters.finished, 2);
 }
