@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -241,4 +243,34 @@ TEST_F(SignalsTest, PrivateAliases) {
     Signals::Connection connection = handler.connect(&freeFunction);
     handler(std::string("p"));
     EXPECT_EQ(s_calls, std::vector<std::string>{"free:p"});
+}
+
+TEST_F(SignalsTest, ConnectionMayOutliveItsSignal) {
+    Signals::Connection connection;
+    int calls = 0;
+    {
+        Signals::Signal<void(int)> signal;
+        connection = signal.connect([&](int) { ++calls; });
+        signal(1);
+    }
+    EXPECT_FALSE(connection.connected());
+    connection.disconnect(); // nothing left to disconnect; must not touch the dead signal
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(SignalsTest, SignalFromManyThreadsReachesEverySlot) {
+    Signals::Signal<void(int)> signal;
+    std::atomic<int> first{0}, second{0};
+    Signals::Connection a = signal.connect([&](int v) { first += v; });
+    Signals::Connection b = signal.connect([&](int v) { second += v; });
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 500; ++i)
+                signal(1);
+        });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(first, 2000);
+    EXPECT_EQ(second, 2000);
 }
