@@ -35,13 +35,18 @@ public:
     }
 
     void shutdown() {
+        // The thread is taken over under the lock: a deletePath() racing with this call may
+        // start a new thread, which must neither be joined here nor share the object.
+        boost::thread finishing;
         {
             boost::lock_guard<boost::mutex> lock(m_mutex);
             m_stop = true;
             m_condition.notify_all();
+            if (m_thread.get_id() != boost::this_thread::get_id())
+                finishing = std::move(m_thread);
         }
-        if (m_thread.joinable() && m_thread.get_id() != boost::this_thread::get_id())
-            m_thread.join();
+        if (finishing.joinable())
+            finishing.join();
     }
 
 private:

@@ -1,5 +1,6 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
 
 #include <spdlog/details/log_msg.h>
 #include <spdlog/logger.h>
@@ -153,7 +154,11 @@ public:
         }
         if (path.empty())
             return;
-        m_fileSink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, false);
+        try {
+            m_fileSink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, false);
+        } catch (const spdlog::spdlog_ex& e) {
+            throw KsException("Cannot open log file '" + path + "': " + e.what());
+        }
         m_fileSink->set_formatter(makeFormatter());
         m_fileSink->set_level(toSpd(m_level));
         m_dispatch->add(m_fileSink);

@@ -37,7 +37,8 @@ public:
     // Level of the lines that reach standard error and the log file.
     static void setLevel(LogLevel level);
     static LogLevel getLevel();
-    // Adds a log file (appending); an empty path closes the current one.
+    // Adds a log file (appending); an empty path closes the current one. Throws KsException
+    // when the file cannot be opened (the previous file is closed all the same).
     static void setLogFile(const std::string& path);
     static void flush();
 

@@ -50,8 +50,14 @@ void LoggingSettings::parseCommandLine(std::vector<std::string>& args) {
             fileChanged = true;
         }
     }
-    if (fileChanged)
-        setLogFile(file, suffix);
+    if (fileChanged) {
+        try {
+            setLogFile(file, suffix);
+        } catch (const KsException& e) {
+            throw KsException("Invalid value '" + file + "' for option -logFile: " +
+                              e.getMessage());
+        }
+    }
     args.swap(rest);
 }
 
@@ -60,12 +66,17 @@ void LoggingSettings::setLevel(LogLevel level) { Logging::setLevel(level); }
 LogLevel LoggingSettings::getLevel() const { return Logging::getLevel(); }
 
 void LoggingSettings::setLogFile(const std::string& path, const std::string& suffix) {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_logFile = path;
-        m_logFileSuffix = suffix;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_logFile = path;
+    m_logFileSuffix = suffix;
+    try {
+        Logging::setLogFile(effectiveLogFile());
+    } catch (...) {
+        // The old file is closed by then: the settings say that no file is written.
+        m_logFile.clear();
+        m_logFileSuffix.clear();
+        throw;
     }
-    Logging::setLogFile(getEffectiveLogFile());
 }
 
 std::string LoggingSettings::getLogFile() const {
@@ -80,6 +91,10 @@ std::string LoggingSettings::getLogFileSuffix() const {
 
 std::string LoggingSettings::getEffectiveLogFile() const {
     std::lock_guard<std::mutex> lock(m_mutex);
+    return effectiveLogFile();
+}
+
+std::string LoggingSettings::effectiveLogFile() const {
     if (m_logFile.empty() || m_logFileSuffix.empty())
         return m_logFile;
     size_t slash = m_logFile.rfind('/');

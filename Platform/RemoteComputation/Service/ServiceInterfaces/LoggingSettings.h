@@ -24,6 +24,7 @@ public:
     void setLevel(LogLevel level);
     LogLevel getLevel() const;
     // Log file, with the suffix put in front of its extension ("run.log" + "_2" = "run_2.log").
+    // Throws KsException when the file cannot be opened; then no file is set.
     void setLogFile(const std::string& path, const std::string& suffix);
     std::string getLogFile() const;
     std::string getLogFileSuffix() const;
@@ -35,6 +36,7 @@ public:
 
 private:
     LoggingSettings() = default;
+    std::string effectiveLogFile() const; // with m_mutex held
     mutable std::mutex m_mutex;
     std::string m_logFile;
     std::string m_logFileSuffix;

@@ -51,6 +51,19 @@ bool redirect(posix_spawn_file_actions_t& actions, int target, int fds[2], std::
 } // namespace
 
 bool Process::start(StartMode) {
+    if (m_pid > 0 && !m_reaped) {
+        // One child at a time: a child that has ended is reaped before the next one starts.
+        int code;
+        if (!reap(false, code)) {
+            setErrorMessage("Cannot start '" + m_executable + "': it is already running (pid " +
+                            std::to_string(m_pid) + ")");
+            return false;
+        }
+    }
+    if (m_stdoutFd >= 0) {
+        ::close(m_stdoutFd);
+        m_stdoutFd = -1;
+    }
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(m_executable.c_str()));
     for (auto& arg : m_arguments)

@@ -24,7 +24,8 @@ public:
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    // Starts the program; false with getErrorMessage() when it cannot be started.
+    // Starts the program; false with getErrorMessage() when it cannot be started or a child
+    // started earlier by this object still runs.
     bool start(StartMode mode = Detached);
     pid_t getPid() const { return m_pid; }
     bool isRunning();

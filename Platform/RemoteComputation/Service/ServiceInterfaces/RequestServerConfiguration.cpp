@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <stdexcept>
 
 namespace Kestrane {
 
@@ -46,12 +47,13 @@ enum Setting {
     SettingCount
 };
 
+// "localRPingIntervalSec" -> "KS_LOCAL_R_PING_INTERVAL_SEC": every upper-case letter starts a
+// word, so that each name has one obvious variable.
 std::string environmentName(const std::string& name) {
     std::string result = "KS_";
     for (size_t i = 0; i < name.size(); ++i) {
         char c = name[i];
-        if (std::isupper(static_cast<unsigned char>(c)) && i > 0 &&
-            !std::isupper(static_cast<unsigned char>(name[i - 1])))
+        if (std::isupper(static_cast<unsigned char>(c)) && i > 0)
             result += '_';
         result += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     }
@@ -116,11 +118,16 @@ int64_t parseValue(const RequestServerConfiguration::SettingInfo& setting, size_
     if (text.empty())
         return reject(expected);
     size_t start = (text[0] == '-' || text[0] == '+') ? 1 : 0;
-    if (start == text.size() ||
-        !std::all_of(text.begin() + start, text.end(), [](char c) { return std::isdigit(c); }) ||
+    auto isDigit = [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; };
+    if (start == text.size() || !std::all_of(text.begin() + start, text.end(), isDigit) ||
         text.size() > 19)
         return reject(expected);
-    int64_t value = std::stoll(text);
+    int64_t value;
+    try {
+        value = std::stoll(text);
+    } catch (const std::out_of_range&) { // 19 digits beyond the 64-bit range
+        return reject(expected);
+    }
     if (value < lowest || value > highest)
         return reject(expected);
     return value;
@@ -250,6 +257,8 @@ void RequestServerConfiguration::loadFile(const std::string& path) {
     if (!root || toUtf8(root->getTagName()) != "requestServerConfiguration")
         throw KsException("Settings file '" + path +
                           "' has no root element 'requestServerConfiguration'");
+    // Every value is checked before any is applied: a rejected file changes nothing.
+    std::vector<std::pair<std::string, std::string>> values;
     for (DOMElement* child = root->getFirstElementChild(); child;
          child = child->getNextElementSibling()) {
         std::string name = toUtf8(child->getTagName());
@@ -257,11 +266,17 @@ void RequestServerConfiguration::loadFile(const std::string& path) {
         value.erase(0, value.find_first_not_of(" \t\r\n"));
         value.erase(value.find_last_not_of(" \t\r\n") + 1);
         try {
-            setValue(name, value);
+            size_t index = indexOf(name);
+            const auto& setting = describeSettings()[index];
+            if (setting.kind != Kind::Text)
+                parseValue(setting, index, value);
         } catch (const KsException& e) {
             throw KsException("Settings file '" + path + "': " + e.getMessage());
         }
+        values.emplace_back(name, value);
     }
+    for (const auto& [name, value] : values)
+        setValue(name, value);
 }
 
 uint16_t RequestServerConfiguration::getListenPort() const { return number(ListenPort); }

@@ -240,6 +240,9 @@ void ClientSocket::connect(const std::string& host, int port) {
     m_readPos = m_readEnd = 0;
     m_pending.clear();
     std::string service = std::to_string(port);
+    // Without this check a larger number would reach another port through its low 16 bits.
+    if (port < 1 || port > 65535)
+        throw Error("connect to " + host + ":" + service, "port out of range");
     sockaddr_storage numeric;
     socklen_t numericLength = 0;
     if (numericAddress(host, port, numeric, numericLength)) {

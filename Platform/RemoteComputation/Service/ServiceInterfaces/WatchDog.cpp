@@ -21,11 +21,21 @@ void WatchDog::watchThis(Watchable* watchable) {
 }
 
 bool WatchDog::startWatching() {
-    boost::lock_guard<boost::mutex> lock(m_mutex);
+    boost::unique_lock<boost::mutex> lock(m_mutex);
     if (m_watching)
         return false;
-    if (m_thread.joinable())
-        m_thread.join(); // a thread that stopped itself
+    if (m_thread.joinable()) {
+        // A loop that stopped itself may still be inside its last tick and need the lock to
+        // end: wait for it without holding the lock.
+        if (m_thread.get_id() == boost::this_thread::get_id())
+            return false;
+        boost::thread previous = std::move(m_thread);
+        lock.unlock();
+        previous.join();
+        lock.lock();
+        if (m_watching || m_thread.joinable())
+            return false; // started by another thread meanwhile
+    }
     m_watching = true;
     m_stopRequested = false;
     m_thread = boost::thread([this] { run(); });
@@ -42,9 +52,10 @@ bool WatchDog::stopWatching() {
         m_watching = false; // called from a tick: the loop ends when the tick returns
         return true;
     }
+    boost::thread running = std::move(m_thread);
     lock.unlock();
-    if (m_thread.joinable())
-        m_thread.join();
+    if (running.joinable())
+        running.join();
     return true;
 }
 
@@ -58,6 +69,9 @@ void WatchDog::run() {
     boost::unique_lock<boost::mutex> lock(m_mutex);
     while (!m_stopRequested) {
         next += std::chrono::milliseconds(m_period);
+        auto now = std::chrono::steady_clock::now();
+        if (next < now)
+            next = now; // a tick overran: go on from now instead of a burst of late ticks
         auto deadline = boost::chrono::steady_clock::now() +
                         boost::chrono::nanoseconds((next - std::chrono::steady_clock::now()).count());
         m_condition.wait_until(lock, deadline, [this] { return m_stopRequested; });

@@ -19,7 +19,8 @@ public:
     virtual bool watch(bool stopping) = 0;
 };
 
-// Calls its watched objects every `period` milliseconds on a thread of its own.
+// Calls its watched objects every `period` milliseconds on a thread of its own; after a tick
+// that overran, the next one follows at once and the period counts from there.
 class WatchDog {
 public:
     explicit WatchDog(uint64_t period);

@@ -25,12 +25,16 @@ WorkerPool::WorkerPool(unsigned int size, Thread::Priority priority)
     : m_size(size == 0 ? 1 : size), m_priority(priority) {}
 
 WorkerPool::~WorkerPool() {
+    // The workers are taken out under the lock: a running task may still add tasks, which the
+    // remaining workers run before they end.
+    std::vector<std::unique_ptr<Worker>> workers;
     {
         boost::lock_guard<boost::mutex> lock(m_mutex);
         m_shutdown = true;
+        workers.swap(m_workers);
     }
     m_taskAvailable.notify_all();
-    m_workers.clear(); // each worker joins its thread
+    workers.clear(); // each worker joins its thread
 }
 
 std::unique_ptr<Worker> WorkerPool::createWorker() { return std::make_unique<Worker>(*this); }
@@ -43,7 +47,7 @@ void WorkerPool::addTask(std::shared_ptr<Task> task) {
         boost::lock_guard<boost::mutex> lock(m_mutex);
         m_queue.push_back(std::move(task));
         // A new worker only when no idle one can take the task.
-        needWorker = m_idle < m_queue.size() && m_workers.size() < m_size;
+        needWorker = !m_shutdown && m_idle < m_queue.size() && m_workers.size() < m_size;
         if (needWorker) {
             m_workers.push_back(createWorker());
             m_workers.back()->start(true);
