@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -75,7 +76,9 @@ public:
     }
 
     using CpuWatch::getIdleCount;
+    using CpuWatch::getIdleFactor;
     using CpuWatch::getSpinCount;
+    using CpuWatch::getSpinFactor;
     using CpuWatch::getTolerance;
     using CpuWatch::isWatching;
 
@@ -162,6 +165,36 @@ TEST(CpuWatchTest, PublicConstructorCountsCoresAndDestructionStopsTheWatchDog) {
     EXPECT_EQ(capture.count("WatchDog stopped."), 1u);
     EXPECT_TRUE(
         capture.contains(LogLevel::Trace, "CPUwatch (id#" + threadText() + "): Stopped watching."));
+}
+
+TEST(CpuWatchTest, MeasuresOnEveryTwentyFirstTickAfterTheFirst) {
+    FedCpuWatch watch(1, 2); // one second: 20 ticks per check
+    watch.collectTexts();
+    // With the estimate forgotten, every measurement reports.
+    watch.resetCounters();
+    for (int tick = 1; tick <= 21; ++tick)
+        ASSERT_TRUE(watch.watch(false)) << tick;
+    EXPECT_TRUE(watch.texts.empty());
+    ASSERT_TRUE(watch.watch(false));
+    EXPECT_EQ(watch.texts.size(), 1u);
+
+    watch.resetCounters();
+    for (int tick = 1; tick <= 20; ++tick)
+        ASSERT_TRUE(watch.watch(false)) << tick;
+    EXPECT_EQ(watch.texts.size(), 1u);
+    ASSERT_TRUE(watch.watch(false));
+    EXPECT_EQ(watch.texts.size(), 2u);
+
+    // The stopping call touches nothing.
+    watch.resetCounters();
+    for (int tick = 1; tick <= 30; ++tick)
+        EXPECT_FALSE(watch.watch(true));
+    EXPECT_EQ(watch.texts.size(), 2u);
+    for (int tick = 1; tick <= 20; ++tick)
+        ASSERT_TRUE(watch.watch(false)) << tick;
+    EXPECT_EQ(watch.texts.size(), 2u);
+    ASSERT_TRUE(watch.watch(false));
+    EXPECT_EQ(watch.texts.size(), 3u);
 }
 
 TEST(CpuWatchTest, IdleIsDeclaredAfterToleranceAndNeverBeforeTheSixthMeasurement) {
@@ -397,6 +430,72 @@ TEST(CpuWatchTest, DisabledSpinTerminationRepeatsTheVerdictAndGoesOn) {
     ASSERT_TRUE(watch.measureSecond(0.61));
     EXPECT_EQ(watch.getSpinCount(), 0u);
     EXPECT_EQ(watch.texts.back(), busyText("30", 1));
+}
+
+TEST(CpuWatchTest, SteadySpinLowersTheSpinLimitAndLifeRaisesIt) {
+    FedCpuWatch watch(1, 2);
+    watch.collectTexts();
+    watch.disableSpinningStateTermination();
+    for (int measurement = 1; measurement <= 19; ++measurement)
+        ASSERT_TRUE(watch.measureSecond(1.0));
+    EXPECT_EQ(watch.getSpinFactor(), 1.0);
+    // From measurement 21 on the usage lies within 5% of the long-term average, and the factor
+    // shrinks by 0.999 until it is no longer above 0.975.
+    for (int measurement = 20; measurement <= 60; ++measurement)
+        ASSERT_TRUE(watch.measureSecond(1.0));
+    const double lowest = std::pow(0.999, 26);
+    EXPECT_DOUBLE_EQ(watch.getSpinFactor(), lowest);
+
+    // 0.996 of a core is now above the lowered limit.
+    watch.texts.clear();
+    ASSERT_TRUE(watch.measureSecond(0.996));
+    EXPECT_EQ(watch.texts, std::vector<std::string>{spinGoesOnText(1)});
+    EXPECT_DOUBLE_EQ(watch.getSpinFactor(), lowest);
+
+    // Life moves the factor back by one step of 0.99.
+    ASSERT_TRUE(watch.measureSecond(0.61));
+    EXPECT_EQ(watch.getSpinCount(), 0u);
+    EXPECT_DOUBLE_EQ(watch.getSpinFactor(), lowest / 0.99);
+    ASSERT_TRUE(watch.measureSecond(0.61)); // no suspect before it: no change
+    EXPECT_DOUBLE_EQ(watch.getSpinFactor(), lowest / 0.99);
+
+    // Without that history the same load is no suspect.
+    FedCpuWatch fresh(1, 2);
+    fresh.collectTexts();
+    for (int measurement = 1; measurement <= 10; ++measurement)
+        ASSERT_TRUE(fresh.measureSecond(0.996));
+    EXPECT_EQ(fresh.getSpinCount(), 0u);
+    EXPECT_EQ(fresh.texts, std::vector<std::string>(10, busyText("49", 1)));
+}
+
+TEST(CpuWatchTest, IdleFactorFollowsUseBelowTheAverageAndRecoversOnlyBelow95Percent) {
+    // A long steady history, then a little less than the average: each such measurement
+    // multiplies the idle factor by 0.99, which raises the idle level.
+    auto watchWithHistory = [] {
+        auto watch = std::make_unique<FedCpuWatch>(1, 2);
+        watch->collectTexts();
+        watch->disableIdleStateTermination();
+        for (int measurement = 1; measurement <= 40; ++measurement)
+            EXPECT_TRUE(watch->measureSecond(0.05));
+        EXPECT_EQ(watch->getIdleFactor(), 1.0);
+        return watch;
+    };
+
+    auto once = watchWithHistory();
+    ASSERT_TRUE(once->measureSecond(0.047));
+    EXPECT_DOUBLE_EQ(once->getIdleFactor(), 0.99);
+    ASSERT_TRUE(once->measureSecond(0.61));
+    EXPECT_EQ(once->getIdleCount(), 0u);
+    // Only a factor below 0.95 moves back.
+    EXPECT_DOUBLE_EQ(once->getIdleFactor(), 0.99);
+
+    auto often = watchWithHistory();
+    for (int measurement = 1; measurement <= 6; ++measurement)
+        ASSERT_TRUE(often->measureSecond(0.047));
+    EXPECT_DOUBLE_EQ(often->getIdleFactor(), std::pow(0.99, 6));
+    ASSERT_TRUE(often->measureSecond(0.61));
+    EXPECT_DOUBLE_EQ(often->getIdleFactor(), std::pow(0.99, 5));
+    EXPECT_EQ(often->texts.back(), busyText("30", 1));
 }
 
 TEST(CpuWatchTest, TextsGoToTheConnectedSlotInsteadOfTheHeartbeat) {
