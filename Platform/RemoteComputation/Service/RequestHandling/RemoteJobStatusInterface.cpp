@@ -1,0 +1,7 @@
+#include "Platform/RemoteComputation/Service/RequestHandling/RemoteJobStatusInterface.h"
+
+namespace Kestrane {
+
+RemoteJobStatusInterface::~RemoteJobStatusInterface() = default;
+
+} // namespace Kestrane
