@@ -1,0 +1,7 @@
+#include "Platform/RemoteComputation/Service/RequestHandling/AbstractRequestHandler.h"
+
+namespace Kestrane {
+
+AbstractRequestHandler::~AbstractRequestHandler() = default;
+
+} // namespace Kestrane

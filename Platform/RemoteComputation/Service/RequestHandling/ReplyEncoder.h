@@ -1,0 +1,66 @@
+#pragma once
+
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
+
+#include <exception>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Kestrane {
+
+class Request;
+
+// Builds the XML of a `reply` element: attributes in the order of their names, body entries in
+// the order they were added. It also writes an exception with its chain of causes.
+class ReplyEncoder {
+public:
+    ReplyEncoder(const std::string& type, const std::string& requestId);
+    ReplyEncoder(const std::string& type, const Request& request);
+
+    void addAttribute(const std::string& name, const std::string& value);
+    void addAttribute(const std::string& name, const int& value);
+    void addElement(const std::string& name, const std::string& value);
+    void addElement(const std::string& name, const char* value) {
+        addElement(name, std::string(value ? value : ""));
+    }
+    void addElement(const std::string& name, const int& value);
+    // Six significant digits, as a default output stream writes them.
+    void addElement(const std::string& name, const double& value);
+    void addText(const std::string& text);
+    void addTextLines(const std::string& text);
+
+    // The exception as `exceptionStr` and `exception` elements.
+    void addKsException(const KsException& exception);
+    void addStdException(const std::exception& exception);
+    // For an unknown exception object: only the pointer's static type is known.
+    void addException(const void* exception);
+
+    std::string getEncodedReply(const std::string& indent, const std::string& elementIndent) const;
+    const std::string& getType() const { return m_type; }
+
+    // The xsi:type of an encoded reply, empty when there is none.
+    static std::string getType(const std::string& text);
+    // Ids of the file and hdfs data elements of an encoded reply, in document order.
+    static std::vector<std::string> getAttachmentIds(const std::string& text);
+    // Id to path of the file data elements, id to address text of the hdfs ones.
+    static std::map<std::string, std::string> createHrefMapping(std::string& text);
+    // The document that holds a bare reply element for parsing.
+    static std::string wrap(const std::string& replyText);
+
+    static std::string exceptionToXml(const KsException& exception, const std::string& indent,
+                                      const std::string& furtherIndent);
+    static std::string exceptionToXml(const std::exception& exception, const std::string& indent,
+                                      const std::string& furtherIndent);
+    static std::string exceptionToXml(const void* exception, const std::string& indent,
+                                      const std::string& furtherIndent);
+
+private:
+    void addExceptionEntry(const std::string& exceptionStr, const std::string& content);
+
+    std::string m_type;
+    std::map<std::string, std::string> m_attributes;
+    std::vector<std::string> m_elements;
+};
+
+} // namespace Kestrane
