@@ -1,0 +1,59 @@
+#include "Platform/RemoteComputation/Service/RequestHandling/StandardRequestHandler.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/AbortRequest.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ReplyEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/XmlRequest.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
+
+namespace Kestrane {
+
+namespace {
+Logging s_logging(__FILE__);
+const char* c_function = "Kestrane::StandardRequestHandler::handle";
+} // namespace
+
+StandardRequestHandler::StandardRequestHandler()
+    : AbstractRequestHandler("StandardRequestHandler") {}
+
+StandardRequestHandler::~StandardRequestHandler() = default;
+
+std::shared_ptr<Request> StandardRequestHandler::decodeRequest(XmlRequest& request) const {
+    if (request.getType() != "AbortRequest")
+        return nullptr;
+    auto decoded = std::make_shared<AbortRequest>(request.getRootElement());
+    decoded->setSourceString(request.getSourceString());
+    return decoded;
+}
+
+bool StandardRequestHandler::canHandle(Request* request) {
+    return dynamic_cast<AbortRequest*>(request) != nullptr;
+}
+
+std::shared_ptr<std::string> StandardRequestHandler::handle(Request* request) {
+    if (!request) {
+        KS_ERROR("Can't handle NULL request.");
+        throw KsExceptionNested("Can't handle NULL request.", "Requesthandling", c_function,
+                                __FILE__, __LINE__);
+    }
+    if (auto abort = dynamic_cast<AbortRequest*>(request)) {
+        KS_TRACE("Sending signal to abort request " << abort->getRequestId() << "...");
+        std::string id = abort->getRequestId();
+        if (id.empty())
+            id = m_requestIdsByJobId[abort->getJobId()];
+        m_abortRequestSignal(id);
+        KS_TRACE("Signal to abort request " << abort->getRequestId() << " sent.");
+        ReplyEncoder reply("AckReply", *request);
+        reply.addElement("status", "OK");
+        return std::make_shared<std::string>(reply.getEncodedReply("   ", "  "));
+    }
+    KS_ERROR("Unsuported request '" << request->getType() << "'.");
+    throw KsExceptionNested("Unsuported request", "Requesthandling", c_function, __FILE__,
+                            __LINE__);
+}
+
+void StandardRequestHandler::addRequestIdForJobId(const std::string& jobId,
+                                                  const std::string& requestId) {
+    m_requestIdsByJobId[jobId] = requestId;
+}
+
+} // namespace Kestrane
