@@ -4,8 +4,7 @@ namespace Kestrane {
 
 namespace {
 
-const char* const c_fragment = R"XSD(
-  <!-- ServerRequestSchema -->
+const char* const c_fragment = R"XSD(  <!-- ServerRequestSchema -->
 
   <xs:complexType name="GetStatusRequest">
     <xs:complexContent>

@@ -4,8 +4,7 @@ namespace Kestrane {
 
 namespace {
 
-const char* const c_fragment = R"XSD(
-  <!-- StandardRequestSchema -->
+const char* const c_fragment = R"XSD(  <!-- StandardRequestSchema -->
 
   <!-- Aborts either one request or everything that runs for one job. -->
   <xs:complexType name="AbortRequest">

@@ -6,8 +6,7 @@ namespace {
 
 // Global elements rather than request types: the test commands carry job ids as small
 // documents of their own.
-const char* const c_fragment = R"XSD(
-  <!-- TestSchema -->
+const char* const c_fragment = R"XSD(  <!-- TestSchema -->
 
   <xs:element name="KS_TestJobId">
     <xs:complexType>

@@ -1,5 +1,4 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/LogMessageXml.h"
-#include "Platform/RemoteComputation/Service/RequestHandling/Progress.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/StandardRequestSchema.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestXmlHelper.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XercesPlatform.h"
@@ -21,7 +20,6 @@
 #include <memory>
 #include <regex>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 using namespace Kestrane;
@@ -238,36 +236,4 @@ TEST(LogMessageXmlTest, GetCurrentTimeHasDayMonthYearForm) {
     const int month = std::stoi(now.substr(3, 2));
     EXPECT_GE(month, 1);
     EXPECT_LE(month, 12);
-}
-
-namespace {
-
-class RecordingProgress : public Progress {
-public:
-    explicit RecordingProgress(int* destroyed) : m_destroyed(destroyed) {}
-    ~RecordingProgress() override { ++*m_destroyed; }
-    bool handleLogMessage(const LogMessage& message) override {
-        texts.push_back(message.text());
-        return message.type() != LogMessage::Error;
-    }
-    std::vector<std::string> texts;
-
-private:
-    int* m_destroyed;
-};
-
-} // namespace
-
-TEST(ProgressTest, IsAnAbstractInterface) {
-    static_assert(std::is_abstract<Progress>::value, "Progress must be abstract");
-    static_assert(std::has_virtual_destructor<Progress>::value,
-                  "Progress must be deletable through its base");
-    int destroyed = 0;
-    std::unique_ptr<Progress> progress = std::make_unique<RecordingProgress>(&destroyed);
-    EXPECT_TRUE(progress->handleLogMessage(message("one", LogMessage::Info, "g", 1)));
-    EXPECT_FALSE(progress->handleLogMessage(message("two", LogMessage::Error, "g", 2)));
-    EXPECT_EQ(static_cast<RecordingProgress&>(*progress).texts,
-              (std::vector<std::string>{"one", "two"}));
-    progress.reset();
-    EXPECT_EQ(destroyed, 1);
 }

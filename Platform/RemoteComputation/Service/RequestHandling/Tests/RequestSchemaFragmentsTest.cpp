@@ -104,10 +104,24 @@ protected:
 // ---- The fragments themselves ------------------------------------------------------------
 
 TEST_F(RequestSchemaFragmentsTest, EachFragmentOpensWithItsComment) {
-    EXPECT_EQ(StandardRequestSchema().getSchemaText().find("\n  <!-- StandardRequestSchema -->\n"),
+    EXPECT_EQ(
+        StandardRequestSchema().getSchemaText().rfind("  <!-- StandardRequestSchema -->\n", 0), 0u);
+    EXPECT_EQ(ServerRequestSchema().getSchemaText().rfind("  <!-- ServerRequestSchema -->\n", 0),
               0u);
-    EXPECT_EQ(ServerRequestSchema().getSchemaText().find("\n  <!-- ServerRequestSchema -->\n"), 0u);
-    EXPECT_EQ(TestSchema().getSchemaText().find("\n  <!-- TestSchema -->\n"), 0u);
+    EXPECT_EQ(TestSchema().getSchemaText().rfind("  <!-- TestSchema -->\n", 0), 0u);
+}
+
+TEST_F(RequestSchemaFragmentsTest, EachFragmentHasOneNameComment) {
+    const std::string standard = StandardRequestSchema().getSchemaText();
+    const std::string server = ServerRequestSchema().getSchemaText();
+    const std::string test = TestSchema().getSchemaText();
+    for (const char* name : {"StandardRequestSchema", "ServerRequestSchema", "TestSchema"}) {
+        const std::string comment = std::string("<!-- ") + name + " -->";
+        const size_t total = (standard.find(comment) != std::string::npos) +
+                             (server.find(comment) != std::string::npos) +
+                             (test.find(comment) != std::string::npos);
+        EXPECT_EQ(total, 1u) << name;
+    }
 }
 
 TEST_F(RequestSchemaFragmentsTest, AllThreeAreJoinedIntoTheSchema) {
@@ -281,6 +295,8 @@ TEST_F(RequestSchemaFragmentsTest, DistributedWorkerResultRequest) {
 // ---- StandardRequestSchema: invalid documents --------------------------------------------
 
 TEST_F(RequestSchemaFragmentsTest, ProgressUpdateWithoutChildIsInvalid) {
+    // The same type with valid content passes, so the rejection is about the content.
+    EXPECT_VALID(reply("ProgressUpdate", "<lastTimestep>1</lastTimestep>"));
     EXPECT_INVALID(reply("ProgressUpdate", ""));
 }
 
@@ -292,6 +308,8 @@ TEST_F(RequestSchemaFragmentsTest, TestRequestWithFileAfterAttachmentIsInvalid) 
 }
 
 TEST_F(RequestSchemaFragmentsTest, AbortRequestWithBothIdsIsInvalid) {
+    // The same type with valid content passes, so the rejection is about the content.
+    EXPECT_VALID(request("AbortRequest", "<jobId>" + c_otherUid + "</jobId>"));
     EXPECT_INVALID(request("AbortRequest", "<requestId>" + c_otherUid + "</requestId><jobId>" +
                                                c_otherUid + "</jobId>"));
 }
@@ -301,6 +319,11 @@ TEST_F(RequestSchemaFragmentsTest, AbortRequestWithNeitherIdIsInvalid) {
 }
 
 TEST_F(RequestSchemaFragmentsTest, RunDistributedWorkerRequestNamedDirectlyIsInvalid) {
+    // The same type with valid content passes, so the rejection is about the content.
+    EXPECT_VALID(
+        request("FragmentTestRunWorkerRequest",
+                "<poolId>" + c_otherUid + "</poolId><name>worker-1</name>" + jobId() +
+                    "<cores>4</cores><releaseCores>false</releaseCores><workload>w</workload>"));
     EXPECT_INVALID(request("RunDistributedWorkerRequest",
                            "<poolId>" + c_otherUid + "</poolId><name>worker-1</name>" + jobId() +
                                "<cores>4</cores><releaseCores>false</releaseCores>"));
@@ -401,6 +424,9 @@ TEST_F(RequestSchemaFragmentsTest, CallbackRequestWithHostAndPortOrError) {
 }
 
 TEST_F(RequestSchemaFragmentsTest, CallbackRequestWithHostButNoPortIsInvalid) {
+    // The same type with valid content passes, so the rejection is about the content.
+    EXPECT_VALID(
+        request("CallbackRequest", "<callbackId>cb1</callbackId><host>node7</host><port>1</port>"));
     EXPECT_INVALID(request("CallbackRequest", "<callbackId>cb1</callbackId><host>node7</host>"));
 }
 

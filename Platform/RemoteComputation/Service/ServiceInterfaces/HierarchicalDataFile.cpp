@@ -1,0 +1,354 @@
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/HierarchicalDataFile.h"
+
+#include <hdf5.h>
+#include <hdf5_hl.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace Kestrane {
+
+namespace {
+
+// One lock for every HDF5 call: the high-level library's file-image counter is not covered by
+// HDF5's own lock.
+std::mutex s_mutex;
+
+struct MemoryFile {
+    hid_t file = -1;
+    std::vector<unsigned char> image; // last block handed out by KSHLgetMemoryFile
+};
+
+std::map<int, MemoryFile> s_files;
+int s_nextHandle = 1;
+unsigned long s_nextName = 1;
+
+constexpr std::size_t c_chunkBytes = 1u << 20;
+
+enum class Element { Double, Float, Int, Byte };
+
+// Resolved with the lock held: the native type macros call into HDF5.
+hid_t nativeType(Element element) {
+    switch (element) {
+    case Element::Double:
+        return H5T_NATIVE_DOUBLE;
+    case Element::Float:
+        return H5T_NATIVE_FLOAT;
+    case Element::Int:
+        return H5T_NATIVE_INT;
+    case Element::Byte:
+        break;
+    }
+    return H5T_NATIVE_UCHAR;
+}
+
+// Taken with the lock held. HDF5 keeps its error settings per thread, so each thread silences
+// the automatic error printing once: failures are reported by result codes.
+class Lock {
+public:
+    Lock() : m_lock(s_mutex) {
+        thread_local bool silenced = false;
+        if (!silenced) {
+            H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+            silenced = true;
+        }
+    }
+
+private:
+    std::lock_guard<std::mutex> m_lock;
+};
+
+// Closes an HDF5 object of any kind at scope end.
+class Id {
+public:
+    using Closer = herr_t (*)(hid_t);
+    Id(hid_t id, Closer closer) : m_id(id), m_closer(closer) {}
+    ~Id() {
+        if (m_id >= 0)
+            m_closer(m_id);
+    }
+    Id(const Id&) = delete;
+    Id& operator=(const Id&) = delete;
+    hid_t get() const { return m_id; }
+    bool valid() const { return m_id >= 0; }
+
+private:
+    hid_t m_id;
+    Closer m_closer;
+};
+
+hid_t fileOf(int handle) {
+    auto found = s_files.find(handle);
+    return found == s_files.end() ? -1 : found->second.file;
+}
+
+int registerFile(hid_t file) {
+    while (s_nextHandle <= 0 || s_files.count(s_nextHandle))
+        s_nextHandle = s_nextHandle <= 0 ? 1 : s_nextHandle + 1;
+    int handle = s_nextHandle++;
+    s_files[handle].file = file;
+    return handle;
+}
+
+uint64_t readLittleEndian(const unsigned char* bytes, unsigned int width) {
+    uint64_t value = 0;
+    for (unsigned int i = width; i > 0; --i)
+        value = (value << 8) | bytes[i - 1];
+    return value;
+}
+
+// Length of the HDF5 file that starts at `block`, from the end-of-file address in its
+// superblock; 0 when the block does not start like an HDF5 file.
+uint64_t imageLength(const unsigned char* block) {
+    static const unsigned char signature[8] = {0x89, 'H', 'D', 'F', '\r', '\n', 0x1a, '\n'};
+    if (std::memcmp(block, signature, sizeof(signature)) != 0)
+        return 0;
+    unsigned int version = block[8];
+    unsigned int offsetSize = 0;
+    std::size_t baseAt = 0;
+    if (version == 0 || version == 1) {
+        offsetSize = block[13];
+        baseAt = version == 0 ? 24 : 28;
+    } else if (version == 2 || version == 3) {
+        offsetSize = block[9];
+        baseAt = 12;
+    } else {
+        return 0;
+    }
+    if (offsetSize != 2 && offsetSize != 4 && offsetSize != 8)
+        return 0;
+    // Base address, then (free-space or extension address), then the end-of-file address.
+    uint64_t base = readLittleEndian(block + baseAt, offsetSize);
+    uint64_t end = readLittleEndian(block + baseAt + 2 * offsetSize, offsetSize);
+    return base + end;
+}
+
+std::string datasetPath(const char* group, const char* name) {
+    std::string path = group ? group : "";
+    if (!path.empty())
+        path += "/";
+    return path + (name ? name : "");
+}
+
+bool datasetExists(hid_t file, const std::string& path) {
+    // Every link on the way must exist, or H5Lexists itself fails.
+    std::size_t from = 0;
+    while (true) {
+        std::size_t slash = path.find('/', from);
+        std::string part = path.substr(0, slash);
+        if (part.empty() || H5Lexists(file, part.c_str(), H5P_DEFAULT) <= 0)
+            return false;
+        if (slash == std::string::npos)
+            return true;
+        from = slash + 1;
+    }
+}
+
+int createDataset(int handle, const char* group, const char* name, int compressionLevel,
+                  uint64_t count, const void* data, Element element) {
+    if (count == 0 || !data || !name || !*name)
+        return 0;
+    Lock lock;
+    hid_t file = fileOf(handle);
+    if (file < 0)
+        return 0;
+    hid_t type = nativeType(element);
+    std::string path = datasetPath(group, name);
+    hsize_t dims[1] = {static_cast<hsize_t>(count)};
+    Id space(H5Screate_simple(1, dims, nullptr), H5Sclose);
+    Id dcpl(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
+    Id lcpl(H5Pcreate(H5P_LINK_CREATE), H5Pclose);
+    if (!space.valid() || !dcpl.valid() || !lcpl.valid())
+        return 0;
+    std::size_t width = H5Tget_size(type);
+    hsize_t chunk[1] = {std::min<hsize_t>(dims[0], std::max<std::size_t>(1, c_chunkBytes / width))};
+    if (H5Pset_chunk(dcpl.get(), 1, chunk) < 0 ||
+        H5Pset_create_intermediate_group(lcpl.get(), 1) < 0)
+        return 0;
+    if (compressionLevel > 3) {
+        unsigned int level = static_cast<unsigned int>(std::min(compressionLevel, 9));
+        if (H5Pset_shuffle(dcpl.get()) < 0 || H5Pset_deflate(dcpl.get(), level) < 0)
+            return 0;
+    }
+    Id dataset(
+        H5Dcreate2(file, path.c_str(), type, space.get(), lcpl.get(), dcpl.get(), H5P_DEFAULT),
+        H5Dclose);
+    if (!dataset.valid())
+        return 0;
+    if (H5Dwrite(dataset.get(), type, H5S_ALL, H5S_ALL, H5P_DEFAULT, data) < 0) {
+        H5Ldelete(file, path.c_str(), H5P_DEFAULT);
+        return 0;
+    }
+    return 1;
+}
+
+int readDataset(int handle, const char* group, const char* name, void* target, Element element) {
+    if (!target)
+        return 0;
+    Lock lock;
+    hid_t file = fileOf(handle);
+    if (file < 0)
+        return 0;
+    hid_t type = nativeType(element);
+    std::string path = datasetPath(group, name);
+    if (!datasetExists(file, path))
+        return 0;
+    Id dataset(H5Dopen2(file, path.c_str(), H5P_DEFAULT), H5Dclose);
+    if (!dataset.valid())
+        return 0;
+    return H5Dread(dataset.get(), type, H5S_ALL, H5S_ALL, H5P_DEFAULT, target) < 0 ? 0 : 1;
+}
+
+} // namespace
+
+int KSHLcreateMemoryFile(uint64_t sizeHint) {
+    Lock lock;
+    Id fapl(H5Pcreate(H5P_FILE_ACCESS), H5Pclose);
+    if (!fapl.valid())
+        return 0;
+    // Room for the data plus HDF5's own structures, so that the file seldom grows.
+    std::size_t increment = static_cast<std::size_t>(sizeHint) + (64u << 10);
+    if (H5Pset_fapl_core(fapl.get(), increment, 0) < 0)
+        return 0;
+    // The core driver keys open files by name, so each needs its own.
+    std::string name =
+        "ks-memory-file-" + std::to_string(getpid()) + "-" + std::to_string(s_nextName++);
+    hid_t file = H5Fcreate(name.c_str(), H5F_ACC_EXCL, H5P_DEFAULT, fapl.get());
+    if (file < 0)
+        return 0;
+    return registerFile(file);
+}
+
+int KSHLloadMemoryFileFromDiskFile(const char* path, std::size_t maxPathLength) {
+    if (!path || std::strlen(path) >= maxPathLength)
+        return 0;
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return 0;
+    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (bytes.empty())
+        return 0;
+    Lock lock;
+    // Copied by HDF5, writable like a file made here.
+    hid_t file = H5LTopen_file_image(bytes.data(), bytes.size(), H5LT_FILE_IMAGE_OPEN_RW);
+    if (file < 0)
+        return 0;
+    return registerFile(file);
+}
+
+int KSHLopenMemoryFile(const void* block, int& handle) {
+    if (!block)
+        return 0;
+    uint64_t length = imageLength(static_cast<const unsigned char*>(block));
+    if (length == 0)
+        return 0;
+    Lock lock;
+    // Read-only and in place: the block is large and the caller keeps it until the close.
+    hid_t file = H5LTopen_file_image(const_cast<void*>(block), static_cast<std::size_t>(length),
+                                     H5LT_FILE_IMAGE_DONT_COPY | H5LT_FILE_IMAGE_DONT_RELEASE);
+    if (file < 0)
+        return 0;
+    handle = registerFile(file);
+    return 1;
+}
+
+int KSHLgetMemoryFile(int handle, uint64_t& size, const unsigned char*& block) {
+    Lock lock;
+    auto found = s_files.find(handle);
+    if (found == s_files.end())
+        return 0;
+    hid_t file = found->second.file;
+    // A read-only file has nothing to flush; a failed flush of a writable one is a failure.
+    unsigned int intent = 0;
+    if (H5Fget_intent(file, &intent) < 0)
+        return 0;
+    if ((intent & H5F_ACC_RDWR) && H5Fflush(file, H5F_SCOPE_GLOBAL) < 0)
+        return 0;
+    ssize_t length = H5Fget_file_image(file, nullptr, 0);
+    if (length <= 0)
+        return 0;
+    std::vector<unsigned char>& image = found->second.image;
+    image.resize(static_cast<std::size_t>(length));
+    if (H5Fget_file_image(file, image.data(), image.size()) != length)
+        return 0;
+    size = static_cast<uint64_t>(length);
+    block = image.data();
+    return 1;
+}
+
+int KSHLcloseFile(int handle) {
+    Lock lock;
+    auto found = s_files.find(handle);
+    if (found == s_files.end())
+        return 0;
+    herr_t closed = H5Fclose(found->second.file);
+    s_files.erase(found);
+    return closed < 0 ? 0 : 1;
+}
+
+int KSHLcreateDoubleDataset(int handle, const char* group, const char* name, int compressionLevel,
+                            uint64_t count, const double* data) {
+    return createDataset(handle, group, name, compressionLevel, count, data, Element::Double);
+}
+
+int KSHLcreateFloatDataset(int handle, const char* group, const char* name, int compressionLevel,
+                           uint64_t count, const float* data) {
+    return createDataset(handle, group, name, compressionLevel, count, data, Element::Float);
+}
+
+int KSHLcreateIntDataset(int handle, const char* group, const char* name, int compressionLevel,
+                         uint64_t count, const int* data) {
+    return createDataset(handle, group, name, compressionLevel, count, data, Element::Int);
+}
+
+int KSHLcreateCharDataset(int handle, const char* group, const char* name, int compressionLevel,
+                          uint64_t count, const void* data) {
+    return createDataset(handle, group, name, compressionLevel, count, data, Element::Byte);
+}
+
+int KSHLreadDoubleDataset(int handle, const char* group, const char* name, double* target) {
+    return readDataset(handle, group, name, target, Element::Double);
+}
+
+int KSHLreadFloatDataset(int handle, const char* group, const char* name, float* target) {
+    return readDataset(handle, group, name, target, Element::Float);
+}
+
+int KSHLreadIntDataset(int handle, const char* group, const char* name, int* target) {
+    return readDataset(handle, group, name, target, Element::Int);
+}
+
+int KSHLreadCharDataset(int handle, const char* group, const char* name, void* target) {
+    return readDataset(handle, group, name, target, Element::Byte);
+}
+
+int KSHLgetSizeOfDataset(int handle, const char* group, const char* name, uint64_t& count) {
+    Lock lock;
+    hid_t file = fileOf(handle);
+    if (file < 0)
+        return 0;
+    std::string path = datasetPath(group, name);
+    if (!datasetExists(file, path))
+        return 0;
+    Id dataset(H5Dopen2(file, path.c_str(), H5P_DEFAULT), H5Dclose);
+    if (!dataset.valid())
+        return 0;
+    Id space(H5Dget_space(dataset.get()), H5Sclose);
+    if (!space.valid())
+        return 0;
+    hssize_t points = H5Sget_simple_extent_npoints(space.get());
+    if (points < 0)
+        return 0;
+    count = static_cast<uint64_t>(points);
+    return 1;
+}
+
+} // namespace Kestrane

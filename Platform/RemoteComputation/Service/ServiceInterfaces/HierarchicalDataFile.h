@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace Kestrane {
+
+// Hierarchical data files held in memory: standard HDF5 files whose bytes live in this process,
+// so that a whole file can travel as one block and be opened by any HDF5 tool on arrival.
+//
+// A file is a positive handle; results of 0 or below are failures. Every function is safe from
+// many threads: all HDF5 work is serialised behind one lock of this library, because the HDF5
+// high-level library keeps state outside HDF5's own lock.
+//
+// Datasets are one-dimensional and chunked. Compression levels:
+//   level <= 3      stored without any filter. Deflate costs about ten times the rest of the
+//                   send path, and the callers on that path use 3, so it is kept cheap.
+//   level 4 to 9    shuffle + deflate at that level (levels above 9 count as 9).
+// Only shuffle and deflate are ever used, so that every HDF5 installation can read the block.
+
+// A new, empty memory file; `sizeHint` (bytes) sizes the first allocation. Returns the handle.
+int KSHLcreateMemoryFile(uint64_t sizeHint);
+
+// Reads an HDF5 file from disk into a new memory file. Paths of `maxPathLength` characters or
+// more are refused. Returns the handle.
+int KSHLloadMemoryFileFromDiskFile(const char* path, std::size_t maxPathLength);
+
+// Opens a memory block that holds an HDF5 file (as KSHLgetMemoryFile gives it), read-only. The
+// block's length is read from the file's own superblock. The block is used in place, without a
+// copy: it must stay untouched until KSHLcloseFile. Returns 1 and sets `handle`, or 0 and leaves
+// `handle` alone.
+int KSHLopenMemoryFile(const void* block, int& handle);
+
+// The current bytes of a memory file. The block belongs to this library and stays valid until
+// the next call on the same handle or KSHLcloseFile; callers copy it out. Returns 1 or 0.
+int KSHLgetMemoryFile(int handle, uint64_t& size, const unsigned char*& block);
+
+// Closes the file and releases what the library holds for it. Returns 1 or 0.
+int KSHLcloseFile(int handle);
+
+// Writes `count` elements as the dataset `group`/`name`, creating the group when needed.
+// `count` must be above 0. Returns 1 or 0; on failure no dataset is left behind.
+int KSHLcreateDoubleDataset(int handle, const char* group, const char* name, int compressionLevel,
+                            uint64_t count, const double* data);
+int KSHLcreateFloatDataset(int handle, const char* group, const char* name, int compressionLevel,
+                           uint64_t count, const float* data);
+int KSHLcreateIntDataset(int handle, const char* group, const char* name, int compressionLevel,
+                         uint64_t count, const int* data);
+// Bytes, stored as unsigned so that they come back bit for bit whatever char's signedness.
+int KSHLcreateCharDataset(int handle, const char* group, const char* name, int compressionLevel,
+                          uint64_t count, const void* data);
+
+// Reads the whole dataset into `target`, which must hold KSHLgetSizeOfDataset elements.
+// Returns 1 or 0.
+int KSHLreadDoubleDataset(int handle, const char* group, const char* name, double* target);
+int KSHLreadFloatDataset(int handle, const char* group, const char* name, float* target);
+int KSHLreadIntDataset(int handle, const char* group, const char* name, int* target);
+int KSHLreadCharDataset(int handle, const char* group, const char* name, void* target);
+
+// The dataset's element count. Returns 1 and sets `count`, or 0 when there is no such dataset.
+int KSHLgetSizeOfDataset(int handle, const char* group, const char* name, uint64_t& count);
+
+} // namespace Kestrane

@@ -1,0 +1,252 @@
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/HierarchicalDataFile.h"
+
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Tests/PlainHdf5.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace Kestrane;
+using KestraneTest::PlainHdf5;
+
+namespace {
+
+std::vector<unsigned char> imageOf(int handle) {
+    uint64_t size = 0;
+    const unsigned char* block = nullptr;
+    if (KSHLgetMemoryFile(handle, size, block) != 1)
+        return {};
+    return std::vector<unsigned char>(block, block + size);
+}
+
+std::vector<double> ramp(std::size_t count, double offset) {
+    std::vector<double> values(count);
+    for (std::size_t i = 0; i < count; ++i)
+        values[i] = offset + 0.25 * static_cast<double>(i);
+    return values;
+}
+
+std::string tempPath(const std::string& leaf) {
+    return ::testing::TempDir() + "/" + std::to_string(getpid()) + "-" + leaf;
+}
+
+// The number of filters on root/<name>, through the plain API on a disk copy.
+int filtersOnDisk(const std::vector<unsigned char>& image, const std::string& name) {
+    std::string path = tempPath(name + ".h5");
+    {
+        std::ofstream out(path, std::ios::binary);
+        out.write(reinterpret_cast<const char*>(image.data()),
+                  static_cast<std::streamsize>(image.size()));
+    }
+    const PlainHdf5& api = PlainHdf5::get();
+    hid_t file = api.fopen(path.c_str(), PlainHdf5::c_readOnly, PlainHdf5::c_default);
+    if (file < 0)
+        return -1;
+    hid_t dataset = api.dopen(file, ("root/" + name).c_str(), PlainHdf5::c_default);
+    int filters = -1;
+    if (dataset >= 0) {
+        hid_t plist = api.dgetCreatePlist(dataset);
+        filters = api.nfilters(plist);
+        api.pclose(plist);
+        api.dclose(dataset);
+    }
+    api.fclose(file);
+    std::remove(path.c_str());
+    return filters;
+}
+
+} // namespace
+
+TEST(HierarchicalDataFileTest, DoublesGoThroughTheBlockAndBack) {
+    std::vector<double> values = ramp(100000, -3.5);
+    int handle = KSHLcreateMemoryFile(values.size() * sizeof(double));
+    ASSERT_GT(handle, 0);
+    ASSERT_EQ(KSHLcreateDoubleDataset(handle, "root", "d1", 3, values.size(), values.data()), 1);
+    std::vector<unsigned char> image = imageOf(handle);
+    ASSERT_GT(image.size(), values.size() * sizeof(double));
+    EXPECT_EQ(KSHLcloseFile(handle), 1);
+
+    int opened = 0;
+    ASSERT_EQ(KSHLopenMemoryFile(image.data(), opened), 1);
+    EXPECT_GT(opened, 0);
+    uint64_t count = 0;
+    ASSERT_EQ(KSHLgetSizeOfDataset(opened, "root", "d1", count), 1);
+    EXPECT_EQ(count, values.size());
+    std::vector<double> back(count);
+    ASSERT_EQ(KSHLreadDoubleDataset(opened, "root", "d1", back.data()), 1);
+    EXPECT_EQ(back, values);
+    // The block handed out for an opened block is that block again, byte for byte.
+    EXPECT_EQ(imageOf(opened), image);
+    EXPECT_EQ(KSHLcloseFile(opened), 1);
+}
+
+TEST(HierarchicalDataFileTest, EveryElementKindKeepsItsBits) {
+    std::vector<float> floats = {1.5f, -2.25f, 3e30f};
+    std::vector<int> ints = {-1, 0, 2147483647, -2147483647 - 1};
+    std::vector<char> bytes = {'\xff', '\x80', 0, 'a'};
+    int handle = KSHLcreateMemoryFile(64);
+    ASSERT_GT(handle, 0);
+    ASSERT_EQ(KSHLcreateFloatDataset(handle, "root", "f", 0, floats.size(), floats.data()), 1);
+    ASSERT_EQ(KSHLcreateIntDataset(handle, "root", "i", 5, ints.size(), ints.data()), 1);
+    ASSERT_EQ(KSHLcreateCharDataset(handle, "root", "c", 9, bytes.size(), bytes.data()), 1);
+    std::vector<float> floatsBack(floats.size());
+    std::vector<int> intsBack(ints.size());
+    std::vector<char> bytesBack(bytes.size());
+    EXPECT_EQ(KSHLreadFloatDataset(handle, "root", "f", floatsBack.data()), 1);
+    EXPECT_EQ(KSHLreadIntDataset(handle, "root", "i", intsBack.data()), 1);
+    EXPECT_EQ(KSHLreadCharDataset(handle, "root", "c", bytesBack.data()), 1);
+    EXPECT_EQ(floatsBack, floats);
+    EXPECT_EQ(intsBack, ints);
+    EXPECT_EQ(bytesBack, bytes);
+    EXPECT_EQ(KSHLcloseFile(handle), 1);
+}
+
+TEST(HierarchicalDataFileTest, BlockIsAPlainHdf5FileOnDisk) {
+    std::vector<double> values = ramp(5000, 7.0);
+    int handle = KSHLcreateMemoryFile(values.size() * sizeof(double));
+    ASSERT_GT(handle, 0);
+    ASSERT_EQ(KSHLcreateDoubleDataset(handle, "root", "plain", 3, values.size(), values.data()), 1);
+    std::vector<unsigned char> image = imageOf(handle);
+    KSHLcloseFile(handle);
+
+    std::string path = tempPath("plain.h5");
+    {
+        std::ofstream out(path, std::ios::binary);
+        out.write(reinterpret_cast<const char*>(image.data()),
+                  static_cast<std::streamsize>(image.size()));
+    }
+    const PlainHdf5& api = PlainHdf5::get();
+    hid_t file = api.fopen(path.c_str(), PlainHdf5::c_readOnly, PlainHdf5::c_default);
+    ASSERT_GE(file, 0);
+    hid_t dataset = api.dopen(file, "root/plain", PlainHdf5::c_default);
+    ASSERT_GE(dataset, 0);
+    hid_t space = api.dgetSpace(dataset);
+    EXPECT_EQ(api.npoints(space), static_cast<hssize_t>(values.size()));
+    api.sclose(space);
+    std::vector<double> back(values.size());
+    EXPECT_GE(api.dread(dataset, api.nativeDouble, PlainHdf5::c_all, PlainHdf5::c_all,
+                        PlainHdf5::c_default, back.data()),
+              0);
+    EXPECT_EQ(back, values);
+    api.dclose(dataset);
+    api.fclose(file);
+
+    // The same file loaded back from disk.
+    int loaded = KSHLloadMemoryFileFromDiskFile(path.c_str(), 256);
+    ASSERT_GT(loaded, 0);
+    uint64_t count = 0;
+    EXPECT_EQ(KSHLgetSizeOfDataset(loaded, "root", "plain", count), 1);
+    EXPECT_EQ(count, values.size());
+    KSHLcloseFile(loaded);
+    std::remove(path.c_str());
+}
+
+TEST(HierarchicalDataFileTest, LevelsUpToThreeStoreWithoutFilterAndHigherOnesCompress) {
+    std::vector<double> values(200000, 1.0);
+    for (int level : {0, 3, 4, 9}) {
+        int handle = KSHLcreateMemoryFile(values.size() * sizeof(double));
+        ASSERT_GT(handle, 0);
+        std::string name = "level" + std::to_string(level);
+        ASSERT_EQ(KSHLcreateDoubleDataset(handle, "root", name.c_str(), level, values.size(),
+                                          values.data()),
+                  1);
+        std::vector<unsigned char> image = imageOf(handle);
+        KSHLcloseFile(handle);
+        if (level <= 3) {
+            EXPECT_EQ(filtersOnDisk(image, name), 0) << level;
+            EXPECT_GT(image.size(), values.size() * sizeof(double)) << level;
+        } else {
+            EXPECT_EQ(filtersOnDisk(image, name), 2) << level; // shuffle + deflate
+            EXPECT_LT(image.size(), values.size() * sizeof(double) / 10) << level;
+        }
+    }
+}
+
+TEST(HierarchicalDataFileTest, FailuresReportZero) {
+    double value = 1.0;
+    uint64_t size = 0;
+    const unsigned char* block = nullptr;
+    EXPECT_EQ(KSHLgetMemoryFile(12345678, size, block), 0);
+    EXPECT_EQ(KSHLcloseFile(12345678), 0);
+    EXPECT_EQ(KSHLcreateDoubleDataset(12345678, "root", "x", 3, 1, &value), 0);
+
+    int handle = KSHLcreateMemoryFile(8);
+    ASSERT_GT(handle, 0);
+    EXPECT_EQ(KSHLcreateDoubleDataset(handle, "root", "empty", 3, 0, &value), 0);
+    EXPECT_EQ(KSHLcreateDoubleDataset(handle, "root", "x", 3, 1, &value), 1);
+    // A second dataset of the same name is refused and the first stays.
+    EXPECT_EQ(KSHLcreateDoubleDataset(handle, "root", "x", 3, 1, &value), 0);
+    uint64_t count = 99;
+    EXPECT_EQ(KSHLgetSizeOfDataset(handle, "root", "missing", count), 0);
+    EXPECT_EQ(KSHLgetSizeOfDataset(handle, "other", "x", count), 0);
+    EXPECT_EQ(count, 99u);
+    EXPECT_EQ(KSHLreadDoubleDataset(handle, "root", "missing", &value), 0);
+    EXPECT_EQ(KSHLgetSizeOfDataset(handle, "root", "x", count), 1);
+    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(KSHLcloseFile(handle), 1);
+    EXPECT_EQ(KSHLcloseFile(handle), 0);
+
+    std::vector<unsigned char> notHdf5(4096, 0x42);
+    int opened = -7;
+    EXPECT_EQ(KSHLopenMemoryFile(notHdf5.data(), opened), 0);
+    EXPECT_EQ(opened, -7);
+    EXPECT_EQ(KSHLopenMemoryFile(nullptr, opened), 0);
+
+    EXPECT_LE(KSHLloadMemoryFileFromDiskFile("/no/such/file.hdf", 256), 0);
+    std::string longPath(300, 'a');
+    EXPECT_LE(KSHLloadMemoryFileFromDiskFile(longPath.c_str(), 256), 0);
+    std::string text = tempPath("text.hdf");
+    {
+        std::ofstream out(text);
+        out << "not an HDF5 file";
+    }
+    EXPECT_LE(KSHLloadMemoryFileFromDiskFile(text.c_str(), 256), 0);
+    std::remove(text.c_str());
+}
+
+TEST(HierarchicalDataFileTest, EightThreadsAtOnce) {
+    constexpr int c_threads = 8;
+    std::vector<int> failures(c_threads, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < c_threads; ++t) {
+        threads.emplace_back([t, &failures] {
+            for (int round = 0; round < 20; ++round) {
+                std::vector<double> values = ramp(20000 + 100 * t, t * 1000.0 + round);
+                int handle = KSHLcreateMemoryFile(values.size() * sizeof(double));
+                std::string name = "t" + std::to_string(t) + "r" + std::to_string(round);
+                if (handle <= 0 ||
+                    KSHLcreateDoubleDataset(handle, "root", name.c_str(), round % 2 ? 3 : 6,
+                                            values.size(), values.data()) != 1) {
+                    ++failures[t];
+                    continue;
+                }
+                std::vector<unsigned char> image = imageOf(handle);
+                KSHLcloseFile(handle);
+                int opened = 0;
+                uint64_t count = 0;
+                if (image.empty() || KSHLopenMemoryFile(image.data(), opened) != 1 ||
+                    KSHLgetSizeOfDataset(opened, "root", name.c_str(), count) != 1 ||
+                    count != values.size()) {
+                    ++failures[t];
+                    continue;
+                }
+                std::vector<double> back(count);
+                if (KSHLreadDoubleDataset(opened, "root", name.c_str(), back.data()) != 1 ||
+                    back != values)
+                    ++failures[t];
+                KSHLcloseFile(opened);
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    for (int t = 0; t < c_threads; ++t)
+        EXPECT_EQ(failures[t], 0) << "thread " << t;
+}
