@@ -1,5 +1,11 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/FileAttachment.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/HdfsAttachment.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Request.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/XLinkDataEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/XLinkFileEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/XLinkTypeNames.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/XLinkUtils.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestXmlHelper.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
@@ -72,6 +78,31 @@ void ReplyEncoder::addElement(const std::string& name, const double& value) {
     std::ostringstream text;
     text << value;
     addElement(name, text.str());
+}
+
+void ReplyEncoder::addFilePath(const std::string& name, const FileName& file,
+                               bool forceTransfer) {
+    m_elements.push_back(*XLinkFileEncoder::encode(name, file, true, forceTransfer));
+}
+
+void ReplyEncoder::addIntArrayElement(const std::string& name, const int* data, uint64_t count) {
+    m_elements.push_back(*XLinkDataEncoder::encode<int>(name, XLinkTypeNames::dataTypeOf<int>(),
+                                                        data, count, false, XLinkProtocol::dha,
+                                                        nullptr, false));
+}
+
+void ReplyEncoder::addDoubleArrayElement(const std::string& name, const double* data,
+                                         uint64_t count) {
+    m_elements.push_back(*XLinkDataEncoder::encode<double>(
+        name, XLinkTypeNames::dataTypeOf<double>(), data, count, false, XLinkProtocol::dha,
+        nullptr, false));
+}
+
+void ReplyEncoder::addAnyObjectElement(const std::string& name, const void* data,
+                                       const std::string& typeName, uint64_t count) {
+    m_elements.push_back(*XLinkDataEncoder::encode<unsigned char>(
+        name, XmlUtils::toXml(typeName), static_cast<const unsigned char*>(data), count, false,
+        XLinkProtocol::dha, nullptr, false));
 }
 
 void ReplyEncoder::addText(const std::string& text) { m_elements.push_back(text); }
@@ -177,6 +208,48 @@ std::vector<std::string> ReplyEncoder::getAttachmentIds(const std::string& text)
     }
     KS_TRACE("Found " << ids.size() << " ids.");
     return ids;
+}
+
+void ReplyEncoder::updateAttachments(
+    std::string& text, std::map<std::string, std::shared_ptr<Attachment>>& attachments) {
+    try {
+        ParsedDocument parsed(startsWith(text, "<?xml") ? text : wrap(text));
+        parsed.visitElements([&](xercesc::DOMElement* e) {
+            std::string id = XmlUtils::getAttribute("id", e);
+            std::string href = XmlUtils::getAttribute("href", e);
+            if (id.empty() || href.size() < 8)
+                return;
+            auto entry = attachments.find(id);
+            std::string replacement;
+            if (startsWith(href, "file://")) {
+                auto file = entry == attachments.end()
+                                ? nullptr
+                                : dynamic_cast<FileAttachment*>(entry->second.get());
+                if (!file) {
+                    KS_ERROR("No mapping for id " << id << " (FILE_XLNK type).");
+                    return;
+                }
+                replacement = "file:///" + file->getFileName().toString();
+            } else if (startsWith(href, "hdfs://")) {
+                auto hdfs = entry == attachments.end()
+                                ? nullptr
+                                : dynamic_cast<HdfsAttachment*>(entry->second.get());
+                if (!hdfs) {
+                    KS_ERROR("No hdfs attachment for id " << id << ".");
+                    return;
+                }
+                replacement = "hdfs://" + XLinkUtils::getAddressString(hdfs->getData(), true);
+            } else {
+                return;
+            }
+            size_t at = text.find(href);
+            if (at != std::string::npos)
+                text.replace(at, href.size(), replacement);
+        });
+    } catch (...) {
+        KS_DEBUG("Exception while updating attachments.");
+        throw;
+    }
 }
 
 std::map<std::string, std::string> ReplyEncoder::createHrefMapping(std::string& text) {

@@ -2,13 +2,18 @@
 
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
 
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/FileName.h"
+
+#include <cstdint>
 #include <exception>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace Kestrane {
 
+class Attachment;
 class Request;
 
 // Builds the XML of a `reply` element: attributes in the order of their names, body entries in
@@ -27,6 +32,11 @@ public:
     void addElement(const std::string& name, const int& value);
     // Six significant digits, as a default output stream writes them.
     void addElement(const std::string& name, const double& value);
+    void addFilePath(const std::string& name, const FileName& file, bool forceTransfer);
+    // A data element named `name` that points to the array in this process; the array must
+    // stay valid until the reply has been sent.
+    void addIntArrayElement(const std::string& name, const int* data, uint64_t count);
+    void addDoubleArrayElement(const std::string& name, const double* data, uint64_t count);
     void addText(const std::string& text);
     void addTextLines(const std::string& text);
 
@@ -45,6 +55,9 @@ public:
     static std::vector<std::string> getAttachmentIds(const std::string& text);
     // Id to path of the file data elements, id to address text of the hdfs ones.
     static std::map<std::string, std::string> createHrefMapping(std::string& text);
+    // Rewrites the hrefs of file and hdfs data elements in the text to the local copies.
+    static void updateAttachments(std::string& text,
+                                  std::map<std::string, std::shared_ptr<Attachment>>& attachments);
     // The document that holds a bare reply element for parsing.
     static std::string wrap(const std::string& replyText);
 
@@ -56,6 +69,8 @@ public:
                                       const std::string& furtherIndent);
 
 private:
+    void addAnyObjectElement(const std::string& name, const void* data,
+                             const std::string& typeName, uint64_t count);
     void addExceptionEntry(const std::string& exceptionStr, const std::string& content);
 
     std::string m_type;

@@ -1,4 +1,5 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/XLinkFileEncoder.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/XTagger.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
 
@@ -124,6 +125,12 @@ void RequestEncoder::addAttributedElement(const std::string& name, const double&
                                           const Attributes& attributes,
                                           const std::string& indent) {
     addAttributedElement(name, numberText(value), attributes, indent);
+}
+
+void RequestEncoder::addFilePath(const std::string& name, const FileName& file,
+                                 bool forceTransfer, const std::string& indent) {
+    m_elements.push_back(indent + *XLinkFileEncoder::encode(name, file, true, forceTransfer));
+    m_bodyHash.clear();
 }
 
 void RequestEncoder::addText(const std::string& text, const std::string& indent, bool perLine) {

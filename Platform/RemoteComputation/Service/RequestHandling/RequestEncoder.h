@@ -55,6 +55,9 @@ public:
     void addAttributedElement(const std::string& name, const double& value,
                               const Attributes& attributes, const std::string& indent);
 
+    // A file data element (forceTransfer: send the file even where the peer could read it).
+    void addFilePath(const std::string& name, const FileName& file, bool forceTransfer,
+                     const std::string& indent);
     // Ready XML (a data element, for example) as it is: one entry, or with `perLine` one entry
     // holding every line with the indent in front and a line feed behind.
     void addText(const std::string& text, const std::string& indent, bool perLine);
