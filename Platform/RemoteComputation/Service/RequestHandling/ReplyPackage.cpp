@@ -1,0 +1,77 @@
+#include "Platform/RemoteComputation/Service/RequestHandling/ReplyPackage.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/AttachmentBinder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/PackageDocument.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/Reply.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestXmlHelper.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
+
+#include <boost/lexical_cast.hpp>
+
+namespace Kestrane {
+
+namespace {
+Logging s_logging(__FILE__);
+
+// The reply side's exceptions carry this source word.
+[[noreturn]] void fail(const std::string& message, const char* function) {
+    throw KsExceptionNested(message.c_str(), "Requesthandling", function, __FILE__, __LINE__);
+}
+} // namespace
+
+std::shared_ptr<ReplyPackage>
+ReplyPackage::decode(const std::string& text,
+                     std::map<std::string, std::shared_ptr<Attachment>>* attachments) {
+    const char* function = "Kestrane::ReplyPackage::decode";
+    if (text.empty()) {
+        KS_DEBUG("Error decoding reply package: replyPackageString is empty.");
+        fail("Error decoding reply package: replyPackageString is empty.", function);
+    }
+    try {
+        PackageDocument document(RequestXmlHelper::getInstance()->parse(text));
+        if (attachments && document.get())
+            AttachmentBinder::bind(document.get(), *attachments);
+        xercesc::DOMElement* root =
+            document.get() ? document.get()->getDocumentElement() : nullptr;
+        xercesc::DOMDocument* owned = document.release();
+        return std::make_shared<ReplyPackage>(owned, root);
+    } catch (...) {
+        KS_DEBUG("Exception while decoding reply package.");
+        throw;
+    }
+}
+
+ReplyPackage::ReplyPackage(xercesc::DOMDocument* domDocument, xercesc::DOMElement* root) {
+    const char* function = "Kestrane::ReplyPackage::ReplyPackage";
+    PackageDocument document(domDocument);
+    if (!document.get()) {
+        KS_WARN("The domDocument is NULL.");
+        fail("The domDocument is NULL.", function);
+    }
+    if (!root) {
+        KS_WARN("The root element is NULL.");
+        fail("The root element is NULL.", function);
+    }
+    if (XmlUtils::transcode(root->getLocalName()) != "KS_ReplyPackage") {
+        KS_WARN("The root element is not 'KSOrvel_ReplyPackage'. ");
+        fail("The root element is no 'KSOrvel_ReplyPackage'.", function);
+    }
+    xercesc::DOMElement* replyElement = XmlUtils::getElement("reply", root);
+    if (!replyElement)
+        fail("Reply element not found in reply package.", function);
+    m_reply = std::make_shared<Reply>(document.release(), replyElement); // owns the document now
+    m_version = XmlUtils::getAttribute("version", root);
+    m_serial = boost::lexical_cast<uint32_t>(XmlUtils::getAttribute("serial", root));
+    m_timestamp = XmlUtils::getAttribute("timestamp", root);
+    m_origin = XmlUtils::getAttribute("origin", root);
+}
+
+ReplyPackage::~ReplyPackage() = default;
+
+RequestServerUnreachableReplyPackage::RequestServerUnreachableReplyPackage(
+    const std::string& errorMessage) {
+    m_reply = std::make_shared<RequestServerUnreachableReply>(errorMessage);
+}
+
+} // namespace Kestrane
