@@ -1,5 +1,7 @@
 #include "RequestServerProgramOptions.h"
 
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/CommandLineValue.h"
+
 #include <boost/lexical_cast.hpp>
 
 #include <algorithm>
@@ -10,15 +12,8 @@ namespace Kestrane {
 namespace {
 unsigned int parseNumber(const std::string& option, const std::string& value, unsigned int lowest,
                          unsigned int highest) {
-    bool digits = !value.empty() && value.size() <= 10 &&
-                  std::all_of(value.begin(), value.end(),
-                              [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
-    unsigned long number = digits ? std::stoul(value) : 0;
-    if (!digits || number < lowest || number > highest)
-        throw std::invalid_argument("Invalid value '" + value + "' for option " + option +
-                                    ": expected a whole number from " + std::to_string(lowest) +
-                                    " to " + std::to_string(highest));
-    return static_cast<unsigned int>(number);
+    return static_cast<unsigned int>(
+        CommandLineValue::parseNumber("option " + option, value, lowest, highest));
 }
 } // namespace
 

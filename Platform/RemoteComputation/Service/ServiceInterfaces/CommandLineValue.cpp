@@ -1,0 +1,22 @@
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/CommandLineValue.h"
+
+#include <algorithm>
+#include <cctype>
+#include <stdexcept>
+
+namespace Kestrane {
+
+unsigned long CommandLineValue::parseNumber(const std::string& what, const std::string& value,
+                                            unsigned long lowest, unsigned long highest) {
+    bool digits = !value.empty() && value.size() <= 10 &&
+                  std::all_of(value.begin(), value.end(),
+                              [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
+    unsigned long number = digits ? std::stoul(value) : 0;
+    if (!digits || number < lowest || number > highest)
+        throw std::invalid_argument("Invalid value '" + value + "' for " + what +
+                                    ": expected a whole number from " + std::to_string(lowest) +
+                                    " to " + std::to_string(highest));
+    return number;
+}
+
+} // namespace Kestrane
