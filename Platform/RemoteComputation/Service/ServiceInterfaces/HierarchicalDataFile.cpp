@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -22,9 +24,16 @@ namespace {
 // HDF5's own lock.
 std::mutex s_mutex;
 
+struct FreeDeleter {
+    void operator()(unsigned char* block) const { std::free(block); }
+};
+
 struct MemoryFile {
     hid_t file = -1;
-    std::vector<unsigned char> image; // last block handed out by KSHLgetMemoryFile
+    // Last block handed out by KSHLgetMemoryFile; from malloc, since a vector would first fill
+    // the whole block with zeros.
+    std::unique_ptr<unsigned char, FreeDeleter> image;
+    std::size_t imageSize = 0;
 };
 
 std::map<int, MemoryFile> s_files;
@@ -275,12 +284,18 @@ int KSHLgetMemoryFile(int handle, uint64_t& size, const unsigned char*& block) {
     ssize_t length = H5Fget_file_image(file, nullptr, 0);
     if (length <= 0)
         return 0;
-    std::vector<unsigned char>& image = found->second.image;
-    image.resize(static_cast<std::size_t>(length));
-    if (H5Fget_file_image(file, image.data(), image.size()) != length)
+    MemoryFile& entry = found->second;
+    if (entry.imageSize != static_cast<std::size_t>(length)) {
+        entry.image.reset(
+            static_cast<unsigned char*>(std::malloc(static_cast<std::size_t>(length))));
+        entry.imageSize = entry.image ? static_cast<std::size_t>(length) : 0;
+        if (!entry.image)
+            return 0;
+    }
+    if (H5Fget_file_image(file, entry.image.get(), entry.imageSize) != length)
         return 0;
     size = static_cast<uint64_t>(length);
-    block = image.data();
+    block = entry.image.get();
     return 1;
 }
 
