@@ -148,6 +148,40 @@ TYPED_TEST(XLinkRoundTripTest, DhaToFileAndBackGivesAnEqualArray) {
     std::free(back);
 }
 
+TEST(XLinkTranscoderTest, DhaToHdfsAndBackGivesANewArrayWithLongTypeTexts) {
+    double* array = mallocArray<double>(64, 9);
+    Link link = dhaLink(array, 64);
+    link.dataType = "8-byte double";
+    ASSERT_TRUE(dhaToHdfs(link, false)); // the array stays
+    EXPECT_EQ(link.dataType, "double");
+    ASSERT_TRUE(hdfsToDha(link, true));
+    auto* back = static_cast<double*>(addressOf(link));
+    ASSERT_NE(back, nullptr);
+    EXPECT_NE(back, array);
+    EXPECT_EQ(link.dataType, "8-byte double");
+    EXPECT_EQ(link.dataPtrType, "8-byte double *");
+    EXPECT_EQ(std::vector<double>(back, back + 64), std::vector<double>(array, array + 64));
+    std::free(back);
+    std::free(array);
+}
+
+TEST(XLinkTranscoderTest, CompressedLevelsGoThereAndBackToo) {
+    for (int level : {0, 6, 9}) {
+        int* array = mallocArray<int>(50000, level);
+        std::vector<int> expected(array, array + 50000);
+        Link link = dhaLink(array, 50000);
+        ASSERT_TRUE(dhaToHdfs(link, true, level));
+        if (level > 3)
+            EXPECT_LT(link.dataSize, 50000u * sizeof(int) / 4) << level;
+        else
+            EXPECT_GT(link.dataSize, 50000u * sizeof(int)) << level;
+        ASSERT_TRUE(hdfsToDha(link, true));
+        auto* back = static_cast<int*>(addressOf(link));
+        EXPECT_EQ(std::vector<int>(back, back + 50000), expected) << level;
+        std::free(back);
+    }
+}
+
 TEST(XLinkTranscoderTest, HdfsToFileAndBackKeepsTheData) {
     TempDir dir;
     double* array = mallocArray<double>(500, 11);
