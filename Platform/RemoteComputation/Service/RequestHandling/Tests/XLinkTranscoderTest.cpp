@@ -287,6 +287,22 @@ TEST(XLinkTranscoderTest, DhaToFileIntoGivenDirectoryReturnsThePath) {
 }
 
 TEST(XLinkTranscoderTest, TmpPathComesFromTmpWhenKsTmpIsUnset) {
+    // Puts the variables back for the tests that follow in the same process.
+    struct Restore {
+        std::string name;
+        bool was;
+        std::string value;
+        explicit Restore(const char* n) : name(n), was(std::getenv(n) != nullptr) {
+            if (was)
+                value = std::getenv(n);
+        }
+        ~Restore() {
+            if (was)
+                setenv(name.c_str(), value.c_str(), 1);
+            else
+                unsetenv(name.c_str());
+        }
+    } restoreKsTmp("KS_TMP"), restoreTmp("TMP");
     TempDir dir;
     unsetenv("KS_TMP");
     setenv("TMP", dir.path().toString().c_str(), 1);
@@ -305,7 +321,6 @@ TEST(XLinkTranscoderTest, TmpPathComesFromTmpWhenKsTmpIsUnset) {
     Link next = dhaLink(second, 2);
     ASSERT_TRUE(dhaToFile(next, true, &empty));
     EXPECT_EQ(empty.toString(), other.path().toString() + "/" + next.id + ".dhadmp");
-    unsetenv("KS_TMP");
 }
 
 TEST(XLinkTranscoderTest, FailuresLeaveTheArguments) {
