@@ -45,7 +45,7 @@ public:
     }
 };
 
-// Measured values: varied, so that nothing about them is special.
+// Varied values, like measured ones rather than a regular pattern.
 const std::vector<double>& source() {
     static const std::vector<double> values = [] {
         std::vector<double> v(c_count);
