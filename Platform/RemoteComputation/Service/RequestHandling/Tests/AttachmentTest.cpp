@@ -258,3 +258,26 @@ TEST(AttachmentTest, ConstructorsLogAndKeepTheirFields) {
     EXPECT_TRUE(file.getForceFileTransfer());
     EXPECT_TRUE(capture.containsSubstring("Created FileAttachment: id=F, fileName=/x"));
 }
+
+TEST(AttachmentTest, NestedElementsComeInDocumentOrder) {
+    TempFile file("nested.bin");
+    auto bytes = std::make_shared<std::vector<unsigned char>>(std::vector<unsigned char>{7});
+    auto outer = std::make_shared<std::string>(
+        *XLinkFileEncoder::encode("outer", FileName(file.path()), false, false));
+    std::string inner = *XLinkDataEncoderArch::encode("inner", bytes);
+    XLinkUtils::wrapChildIntoXLinkElement(outer, inner);
+    char* chars = mallocArray<char>(3, 0);
+    std::string last = *XLinkDataEncoder::encode<char>("last", "1-byte char", chars, 3, false,
+                                                       XLinkProtocol::dha, nullptr, false);
+    std::string text = replyText(*outer + "\n" + last);
+    bool hasFiles = false;
+    auto attachments = create(text, hasFiles);
+    ASSERT_EQ(attachments->size(), 3u);
+    EXPECT_EQ((*attachments)[0]->getId(), attribute(*outer, "id"));
+    EXPECT_EQ((*attachments)[1]->getId(), attribute(inner, "id"));
+    EXPECT_EQ((*attachments)[2]->getId(), attribute(last, "id"));
+    auto arch = std::static_pointer_cast<ArchAttachment>((*attachments)[1]);
+    auto hdfs = std::static_pointer_cast<HdfsAttachment>((*attachments)[2]);
+    std::free(arch->getData());
+    std::free(hdfs->getData());
+}
