@@ -1,15 +1,16 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/HierarchicalDataFile.h"
 
 #include <hdf5.h>
-#include <hdf5_hl.h>
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -18,13 +19,20 @@ namespace Kestrane {
 
 namespace {
 
-// One lock for every HDF5 call: the high-level library's file-image counter is not covered by
-// HDF5's own lock.
+// One lock for every HDF5 call, so that the library's state (and the high-level library's, should
+// it come into use) never sees two threads.
 std::mutex s_mutex;
+
+struct FreeDeleter {
+    void operator()(unsigned char* block) const { std::free(block); }
+};
 
 struct MemoryFile {
     hid_t file = -1;
-    std::vector<unsigned char> image; // last block handed out by KSHLgetMemoryFile
+    // Last block handed out by KSHLgetMemoryFile; from malloc, since a vector would first fill
+    // the whole block with zeros.
+    std::unique_ptr<unsigned char, FreeDeleter> image;
+    std::size_t imageSize = 0;
 };
 
 std::map<int, MemoryFile> s_files;
@@ -131,6 +139,57 @@ uint64_t imageLength(const unsigned char* block) {
     return base + end;
 }
 
+// File image callbacks that lend the caller's block to the core driver instead of copying it:
+// every "allocation" is the block itself (carried as udata), and nothing is ever freed. Only
+// valid for files opened read-only, which never grow.
+void* lendBlock(size_t, H5FD_file_image_op_t, void* udata) {
+    return udata;
+}
+
+void* copyIfElsewhere(void* dest, const void* src, size_t size, H5FD_file_image_op_t, void*) {
+    if (dest != src)
+        std::memcpy(dest, src, size);
+    return dest;
+}
+
+void* refuseGrowth(void*, size_t, H5FD_file_image_op_t, void*) {
+    return nullptr;
+}
+
+herr_t keepBlock(void*, H5FD_file_image_op_t, void*) {
+    return 0;
+}
+
+void* sameUdata(void* udata) {
+    return udata;
+}
+
+herr_t keepUdata(void*) {
+    return 0;
+}
+
+std::string uniqueName() {
+    // The core driver keys open files by name, so each needs its own.
+    return "ks-memory-file-" + std::to_string(getpid()) + "-" + std::to_string(s_nextName++);
+}
+
+// Opens a file image through the core driver, without a disk file behind it.
+hid_t openImage(const void* image, std::size_t length, bool lend) {
+    Id fapl(H5Pcreate(H5P_FILE_ACCESS), H5Pclose);
+    if (!fapl.valid() || H5Pset_fapl_core(fapl.get(), length, 0) < 0)
+        return -1;
+    if (lend) {
+        H5FD_file_image_callbacks_t callbacks = {
+            lendBlock, copyIfElsewhere,         refuseGrowth, keepBlock, sameUdata,
+            keepUdata, const_cast<void*>(image)};
+        if (H5Pset_file_image_callbacks(fapl.get(), &callbacks) < 0)
+            return -1;
+    }
+    if (H5Pset_file_image(fapl.get(), const_cast<void*>(image), length) < 0)
+        return -1;
+    return H5Fopen(uniqueName().c_str(), lend ? H5F_ACC_RDONLY : H5F_ACC_RDWR, fapl.get());
+}
+
 std::string datasetPath(const char* group, const char* name) {
     std::string path = group ? group : "";
     if (!path.empty())
@@ -218,10 +277,7 @@ int KSHLcreateMemoryFile(uint64_t sizeHint) {
     std::size_t increment = static_cast<std::size_t>(sizeHint) + (64u << 10);
     if (H5Pset_fapl_core(fapl.get(), increment, 0) < 0)
         return 0;
-    // The core driver keys open files by name, so each needs its own.
-    std::string name =
-        "ks-memory-file-" + std::to_string(getpid()) + "-" + std::to_string(s_nextName++);
-    hid_t file = H5Fcreate(name.c_str(), H5F_ACC_EXCL, H5P_DEFAULT, fapl.get());
+    hid_t file = H5Fcreate(uniqueName().c_str(), H5F_ACC_EXCL, H5P_DEFAULT, fapl.get());
     if (file < 0)
         return 0;
     return registerFile(file);
@@ -238,7 +294,7 @@ int KSHLloadMemoryFileFromDiskFile(const char* path, std::size_t maxPathLength) 
         return 0;
     Lock lock;
     // Copied by HDF5, writable like a file made here.
-    hid_t file = H5LTopen_file_image(bytes.data(), bytes.size(), H5LT_FILE_IMAGE_OPEN_RW);
+    hid_t file = openImage(bytes.data(), bytes.size(), false);
     if (file < 0)
         return 0;
     return registerFile(file);
@@ -252,8 +308,7 @@ int KSHLopenMemoryFile(const void* block, int& handle) {
         return 0;
     Lock lock;
     // Read-only and in place: the block is large and the caller keeps it until the close.
-    hid_t file = H5LTopen_file_image(const_cast<void*>(block), static_cast<std::size_t>(length),
-                                     H5LT_FILE_IMAGE_DONT_COPY | H5LT_FILE_IMAGE_DONT_RELEASE);
+    hid_t file = openImage(block, static_cast<std::size_t>(length), true);
     if (file < 0)
         return 0;
     handle = registerFile(file);
@@ -275,12 +330,18 @@ int KSHLgetMemoryFile(int handle, uint64_t& size, const unsigned char*& block) {
     ssize_t length = H5Fget_file_image(file, nullptr, 0);
     if (length <= 0)
         return 0;
-    std::vector<unsigned char>& image = found->second.image;
-    image.resize(static_cast<std::size_t>(length));
-    if (H5Fget_file_image(file, image.data(), image.size()) != length)
+    MemoryFile& entry = found->second;
+    if (entry.imageSize != static_cast<std::size_t>(length)) {
+        entry.image.reset(
+            static_cast<unsigned char*>(std::malloc(static_cast<std::size_t>(length))));
+        entry.imageSize = entry.image ? static_cast<std::size_t>(length) : 0;
+        if (!entry.image)
+            return 0;
+    }
+    if (H5Fget_file_image(file, entry.image.get(), entry.imageSize) != length)
         return 0;
     size = static_cast<uint64_t>(length);
-    block = image.data();
+    block = entry.image.get();
     return 1;
 }
 

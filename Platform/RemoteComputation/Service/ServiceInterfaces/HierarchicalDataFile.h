@@ -9,8 +9,8 @@ namespace Kestrane {
 // so that a whole file can travel as one block and be opened by any HDF5 tool on arrival.
 //
 // A file is a positive handle; results of 0 or below are failures. Every function is safe from
-// many threads: all HDF5 work is serialised behind one lock of this library, because the HDF5
-// high-level library keeps state outside HDF5's own lock.
+// many threads: all HDF5 work is serialised behind one lock of this library, which also guards
+// the handle table and does not rely on how the installed HDF5 was built.
 //
 // Datasets are one-dimensional and chunked. Compression levels:
 //   level <= 3      stored without any filter. Deflate costs about ten times the rest of the

@@ -148,6 +148,40 @@ TYPED_TEST(XLinkRoundTripTest, DhaToFileAndBackGivesAnEqualArray) {
     std::free(back);
 }
 
+TEST(XLinkTranscoderTest, DhaToHdfsAndBackGivesANewArrayWithLongTypeTexts) {
+    double* array = mallocArray<double>(64, 9);
+    Link link = dhaLink(array, 64);
+    link.dataType = "8-byte double";
+    ASSERT_TRUE(dhaToHdfs(link, false)); // the array stays
+    EXPECT_EQ(link.dataType, "double");
+    ASSERT_TRUE(hdfsToDha(link, true));
+    auto* back = static_cast<double*>(addressOf(link));
+    ASSERT_NE(back, nullptr);
+    EXPECT_NE(back, array);
+    EXPECT_EQ(link.dataType, "8-byte double");
+    EXPECT_EQ(link.dataPtrType, "8-byte double *");
+    EXPECT_EQ(std::vector<double>(back, back + 64), std::vector<double>(array, array + 64));
+    std::free(back);
+    std::free(array);
+}
+
+TEST(XLinkTranscoderTest, CompressedLevelsGoThereAndBackToo) {
+    for (int level : {0, 6, 9}) {
+        int* array = mallocArray<int>(50000, level);
+        std::vector<int> expected(array, array + 50000);
+        Link link = dhaLink(array, 50000);
+        ASSERT_TRUE(dhaToHdfs(link, true, level));
+        if (level > 3)
+            EXPECT_LT(link.dataSize, 50000u * sizeof(int) / 4) << level;
+        else
+            EXPECT_GT(link.dataSize, 50000u * sizeof(int)) << level;
+        ASSERT_TRUE(hdfsToDha(link, true));
+        auto* back = static_cast<int*>(addressOf(link));
+        EXPECT_EQ(std::vector<int>(back, back + 50000), expected) << level;
+        std::free(back);
+    }
+}
+
 TEST(XLinkTranscoderTest, HdfsToFileAndBackKeepsTheData) {
     TempDir dir;
     double* array = mallocArray<double>(500, 11);
@@ -253,6 +287,22 @@ TEST(XLinkTranscoderTest, DhaToFileIntoGivenDirectoryReturnsThePath) {
 }
 
 TEST(XLinkTranscoderTest, TmpPathComesFromTmpWhenKsTmpIsUnset) {
+    // Puts the variables back for the tests that follow in the same process.
+    struct Restore {
+        std::string name;
+        bool was;
+        std::string value;
+        explicit Restore(const char* n) : name(n), was(std::getenv(n) != nullptr) {
+            if (was)
+                value = std::getenv(n);
+        }
+        ~Restore() {
+            if (was)
+                setenv(name.c_str(), value.c_str(), 1);
+            else
+                unsetenv(name.c_str());
+        }
+    } restoreKsTmp("KS_TMP"), restoreTmp("TMP");
     TempDir dir;
     unsetenv("KS_TMP");
     setenv("TMP", dir.path().toString().c_str(), 1);
@@ -271,7 +321,6 @@ TEST(XLinkTranscoderTest, TmpPathComesFromTmpWhenKsTmpIsUnset) {
     Link next = dhaLink(second, 2);
     ASSERT_TRUE(dhaToFile(next, true, &empty));
     EXPECT_EQ(empty.toString(), other.path().toString() + "/" + next.id + ".dhadmp");
-    unsetenv("KS_TMP");
 }
 
 TEST(XLinkTranscoderTest, FailuresLeaveTheArguments) {

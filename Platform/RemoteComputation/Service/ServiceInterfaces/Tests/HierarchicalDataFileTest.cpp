@@ -144,6 +144,11 @@ TEST(HierarchicalDataFileTest, BlockIsAPlainHdf5FileOnDisk) {
     uint64_t count = 0;
     EXPECT_EQ(KSHLgetSizeOfDataset(loaded, "root", "plain", count), 1);
     EXPECT_EQ(count, values.size());
+    // A loaded file takes new datasets like one made in memory.
+    ASSERT_EQ(KSHLcreateDoubleDataset(loaded, "root", "more", 6, values.size(), values.data()), 1);
+    std::vector<double> more(values.size());
+    EXPECT_EQ(KSHLreadDoubleDataset(loaded, "root", "more", more.data()), 1);
+    EXPECT_EQ(more, values);
     KSHLcloseFile(loaded);
     std::remove(path.c_str());
 }
