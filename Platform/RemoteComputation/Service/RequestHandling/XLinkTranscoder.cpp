@@ -184,6 +184,16 @@ bool partsOf(std::string& element, XLinkProtocol source, Parts& parts) {
            element.find(" name=\"") != std::string::npos;
 }
 
+// A text form: split the element, convert its parts, write the new values back.
+template <typename Convert>
+bool convertElement(std::string& element, XLinkProtocol source, Convert convert) {
+    Parts parts;
+    if (!partsOf(element, source, parts) || !convert(parts))
+        return false;
+    rebuild(element, parts.dataPtrType, parts.dataType, parts.dataSize, parts.href);
+    return true;
+}
+
 } // namespace
 
 bool XLinkTranscoder::parse(std::string& element, XLinkProtocol& protocol, std::string& scheme,
@@ -466,63 +476,40 @@ bool XLinkTranscoder::fileToHdfs(std::string& id, std::string& dataPtrType, std:
 }
 
 bool XLinkTranscoder::dhaToHdfs(std::string& element, bool freeSource, int compressionLevel) {
-    Parts parts;
-    if (!partsOf(element, XLinkProtocol::dha, parts) ||
-        !dhaToHdfs(parts.id, parts.dataPtrType, parts.dataType, parts.dataSize, parts.href,
-                   freeSource, compressionLevel))
-        return false;
-    rebuild(element, parts.dataPtrType, parts.dataType, parts.dataSize, parts.href);
-    return true;
+    return convertElement(element, XLinkProtocol::dha, [&](Parts& p) {
+        return dhaToHdfs(p.id, p.dataPtrType, p.dataType, p.dataSize, p.href, freeSource,
+                         compressionLevel);
+    });
 }
 
 bool XLinkTranscoder::dhaToFile(std::string& element, bool freeSource, FileName* file) {
-    Parts parts;
-    if (!partsOf(element, XLinkProtocol::dha, parts) ||
-        !dhaToFile(parts.id, parts.dataPtrType, parts.dataType, parts.dataSize, parts.href,
-                   freeSource, file))
-        return false;
-    rebuild(element, parts.dataPtrType, parts.dataType, parts.dataSize, parts.href);
-    return true;
+    return convertElement(element, XLinkProtocol::dha, [&](Parts& p) {
+        return dhaToFile(p.id, p.dataPtrType, p.dataType, p.dataSize, p.href, freeSource, file);
+    });
 }
 
 bool XLinkTranscoder::hdfsToDha(std::string& element, bool freeSource) {
-    Parts parts;
-    if (!partsOf(element, XLinkProtocol::hdfs, parts) ||
-        !hdfsToDha(parts.id, parts.dataPtrType, parts.dataType, parts.dataSize, parts.href,
-                   freeSource))
-        return false;
-    rebuild(element, parts.dataPtrType, parts.dataType, parts.dataSize, parts.href);
-    return true;
+    return convertElement(element, XLinkProtocol::hdfs, [&](Parts& p) {
+        return hdfsToDha(p.id, p.dataPtrType, p.dataType, p.dataSize, p.href, freeSource);
+    });
 }
 
 bool XLinkTranscoder::hdfsToFile(std::string& element, bool freeSource, FileName* file) {
-    Parts parts;
-    if (!partsOf(element, XLinkProtocol::hdfs, parts) ||
-        !hdfsToFile(parts.id, parts.dataPtrType, parts.dataType, parts.dataSize, parts.href,
-                    freeSource, file))
-        return false;
-    rebuild(element, parts.dataPtrType, parts.dataType, parts.dataSize, parts.href);
-    return true;
+    return convertElement(element, XLinkProtocol::hdfs, [&](Parts& p) {
+        return hdfsToFile(p.id, p.dataPtrType, p.dataType, p.dataSize, p.href, freeSource, file);
+    });
 }
 
 bool XLinkTranscoder::fileToDha(std::string& element, bool removeSource, FileName* file) {
-    Parts parts;
-    if (!partsOf(element, XLinkProtocol::file, parts) ||
-        !fileToDha(parts.id, parts.dataPtrType, parts.dataType, parts.dataSize, parts.href,
-                   removeSource, file))
-        return false;
-    rebuild(element, parts.dataPtrType, parts.dataType, parts.dataSize, parts.href);
-    return true;
+    return convertElement(element, XLinkProtocol::file, [&](Parts& p) {
+        return fileToDha(p.id, p.dataPtrType, p.dataType, p.dataSize, p.href, removeSource, file);
+    });
 }
 
 bool XLinkTranscoder::fileToHdfs(std::string& element, bool removeSource, FileName* file) {
-    Parts parts;
-    if (!partsOf(element, XLinkProtocol::file, parts) ||
-        !fileToHdfs(parts.id, parts.dataPtrType, parts.dataType, parts.dataSize, parts.href,
-                    removeSource, file))
-        return false;
-    rebuild(element, parts.dataPtrType, parts.dataType, parts.dataSize, parts.href);
-    return true;
+    return convertElement(element, XLinkProtocol::file, [&](Parts& p) {
+        return fileToHdfs(p.id, p.dataPtrType, p.dataType, p.dataSize, p.href, removeSource, file);
+    });
 }
 
 bool XLinkTranscoder::hdfsToDha(KSData& data, bool freeSource) {
