@@ -561,6 +561,17 @@ TEST_F(PackageFixture, NonNumericNumbersThrow) {
     EXPECT_TRUE(capture.contains(LogLevel::Debug, "Exception while decoding reply package."));
 }
 
+TEST_F(PackageFixture, BadDataSizeInReplyThrows) {
+    // The reply reads its data elements while the package is being built; the document must
+    // not be lost when that fails.
+    const std::string element = "<data name=\"d\" dataPtrType=\"p\" dataType=\"t\" "
+                                "dataSize=\"many\" href=\"dha://#0\"/>";
+    LogCapture capture;
+    EXPECT_THROW(ReplyPackage::decode(replyPackage(element), nullptr), boost::bad_lexical_cast);
+    EXPECT_TRUE(capture.contains(LogLevel::Debug, "Exception while decoding reply package."));
+    EXPECT_THROW(Reply::decode(replyText(element)), boost::bad_lexical_cast);
+}
+
 TEST_F(PackageFixture, RequestTypeNoHandlerDecodesThrows) {
     class RefusingHandler : public AbstractRequestHandler {
     public:
