@@ -102,14 +102,18 @@ TEST_F(MessageValidationTest, ExceptionReplyWithStdException) {
     EXPECT_EQ(reply->getElement("exceptionStr"), "std <failure>");
     EXPECT_EQ(XmlUtils::getElementContent("message", reply->getDomElement("exception")),
               "std <failure>");
-    EXPECT_FALSE(XmlUtils::getElementContent("type", reply->getDomElement("exception")).empty());
+    EXPECT_EQ(XmlUtils::getElementContent("type", reply->getDomElement("exception")),
+              "std::runtime_error");
 
     // The request task adds a std::exception as an object of unknown kind.
     ReplyEncoder byPointer("ExceptionReply", UniqueID::generateId());
     byPointer.addException(&error);
     auto pointerReply = throughPackage(byPointer.getEncodedReply("   ", "  "));
     EXPECT_EQ(pointerReply->getType(), "ExceptionReply");
-    EXPECT_FALSE(pointerReply->getElement("exceptionStr").empty());
+    EXPECT_EQ(pointerReply->getElement("exceptionStr"), "void const*");
+    EXPECT_EQ(XmlUtils::getElementContent("type", pointerReply->getDomElement("exception")),
+              "void const*");
+    EXPECT_EQ(XmlUtils::getElementContent("message", pointerReply->getDomElement("exception")), "");
 }
 
 TEST_F(MessageValidationTest, ExceptionReplyOfUnknownKind) {
@@ -119,7 +123,7 @@ TEST_F(MessageValidationTest, ExceptionReplyOfUnknownKind) {
     for (auto reply : {Reply::decode(text), throughPackage(text)}) {
         EXPECT_EQ(XmlUtils::getElementContent("type", reply->getDomElement("exception")),
                   "Unknown");
-        EXPECT_FALSE(reply->getElement("exceptionStr").empty());
+        EXPECT_EQ(reply->getElement("exceptionStr"), "void const*");
     }
 }
 
