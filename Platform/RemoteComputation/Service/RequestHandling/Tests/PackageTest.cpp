@@ -232,7 +232,9 @@ TEST_F(PackageFixture, MissingReplyExpectedMeansNoReply) {
     std::string attributes = c_plainAttributes;
     attributes.erase(attributes.find("\n replyExpected"));
     attributes += "\n replyHost=\"h\"\n replyPort=\"99\"";
+    LogCapture capture;
     auto package = decodeRequest(requestPackage(attributes), nullptr);
+    EXPECT_TRUE(capture.contains(LogLevel::Trace, "m_progressUpdates = 1"));
     EXPECT_FALSE(package->isReplyExpected());
     EXPECT_EQ(package->getRemoteHost().getName(), "");
     EXPECT_EQ(package->getRemoteHost().getIp(), "");
