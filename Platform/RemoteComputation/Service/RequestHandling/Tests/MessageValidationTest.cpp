@@ -206,3 +206,19 @@ TEST_F(MessageValidationTest, UndeclaredElementIsRejected) {
     ReplyEncoder missing("AckReply", UniqueID::generateId());
     EXPECT_THROW(Reply::decode(missing.getEncodedReply("   ", "  ")), KsExceptionNested);
 }
+
+TEST_F(MessageValidationTest, ValidRequestThatNoHandlerDecodes) {
+    // A valid document whose request type only the link tests know: the dispatcher finds no
+    // handler, and the package decoder throws instead of returning a package without request.
+    registerLinkTestSchema();
+    RequestHandler handler("validation");
+    RequestPackageEncoder encoder(requestText(""), "RC", "");
+    encoder.setReplyExpected(false);
+    try {
+        RequestPackage::decode(encoder.getEncodedRequestPackage(), handler, nullptr, "", "");
+        ADD_FAILURE() << "no exception";
+    } catch (const KsExceptionNested& e) {
+        EXPECT_EQ(e.getSource(), "RequestHandling");
+        EXPECT_NE(std::string(e.what()).find("LinkTestRequest"), std::string::npos) << e.what();
+    }
+}
