@@ -160,7 +160,10 @@ std::string ReplyEncoder::exceptionToXml(const std::exception& exception,
 
 std::string ReplyEncoder::exceptionToXml(const void* exception, const std::string& indent,
                                          const std::string&) {
-    return element(indent, "type", exception ? demangle(typeid(exception).name()) : "Unknown");
+    // The message stays empty, since nothing is known of the object; the element is still
+    // written because every exception element needs one.
+    return element(indent, "type", exception ? demangle(typeid(exception).name()) : "Unknown") +
+           element(indent, "message", "");
 }
 
 std::string ReplyEncoder::getEncodedReply(const std::string& indent,

@@ -60,7 +60,9 @@ ReplyPackage::ReplyPackage(xercesc::DOMDocument* domDocument, xercesc::DOMElemen
     xercesc::DOMElement* replyElement = XmlUtils::getElement("reply", root);
     if (!replyElement)
         fail("Reply element not found in reply package.", function);
-    m_reply = std::make_shared<Reply>(document.release(), replyElement); // owns the document now
+    // The reply owns the document once it is made; until then a failure must release it here.
+    m_reply = std::make_shared<Reply>(document.get(), replyElement);
+    document.release();
     m_version = XmlUtils::getAttribute("version", root);
     m_serial = boost::lexical_cast<uint32_t>(XmlUtils::getAttribute("serial", root));
     m_timestamp = XmlUtils::getAttribute("timestamp", root);

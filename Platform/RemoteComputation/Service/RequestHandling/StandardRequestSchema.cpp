@@ -83,11 +83,14 @@ const char* const c_fragment = R"XSD(  <!-- StandardRequestSchema -->
     </xs:complexContent>
   </xs:complexType>
 
+  <!-- The refusal of a package carries the decoder's exception after the message. -->
   <xs:complexType name="InvalidPackageReply">
     <xs:complexContent>
       <xs:extension base="ksrq:Reply">
         <xs:sequence>
           <xs:element name="errorMessage" type="xs:string"/>
+          <xs:element name="exceptionStr" type="xs:string" minOccurs="0"/>
+          <xs:element name="exception" type="ksrq:KSException" minOccurs="0"/>
         </xs:sequence>
       </xs:extension>
     </xs:complexContent>
