@@ -160,10 +160,8 @@ std::string ReplyEncoder::exceptionToXml(const std::exception& exception,
 
 std::string ReplyEncoder::exceptionToXml(const void* exception, const std::string& indent,
                                          const std::string&) {
-    // The message stays empty, since nothing is known of the object; the element is still
-    // written because every exception element needs one.
-    return element(indent, "type", exception ? demangle(typeid(exception).name()) : "Unknown") +
-           element(indent, "message", "");
+    // Nothing is known of the object but the pointer's static type: no message.
+    return element(indent, "type", exception ? demangle(typeid(exception).name()) : "Unknown");
 }
 
 std::string ReplyEncoder::getEncodedReply(const std::string& indent,

@@ -97,7 +97,7 @@ const char* const c_declarations = R"XSD(
   <xs:complexType name="KSException">
     <xs:sequence>
       <xs:element name="type" type="xs:string"/>
-      <xs:element name="message" type="xs:string"/>
+      <xs:element name="message" type="xs:string" minOccurs="0"/>
       <xs:element name="name" type="xs:string" minOccurs="0"/>
       <xs:element name="source" type="xs:string" minOccurs="0"/>
       <xs:element name="file" type="xs:string" minOccurs="0"/>

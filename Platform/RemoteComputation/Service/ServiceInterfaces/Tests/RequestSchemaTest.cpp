@@ -259,10 +259,17 @@ TEST_F(RequestSchemaTest, NestedExceptionIsValid) {
     EXPECT_EQ(XmlUtils::getElement("innerException", innermost), nullptr);
 }
 
-TEST_F(RequestSchemaTest, ExceptionWithoutMessageIsRejected) {
+TEST_F(RequestSchemaTest, ExceptionOfUnknownKindHasNoMessage) {
+    // An unknown exception object is written with its type alone.
     std::string reply = "<reply xsi:type=\"SchemaTestReply\" requestId=\"" +
                         UniqueID::generateId() + "\"><exception><type>t</type></exception></reply>";
-    expectPositionNamed(rejection(replyDocument(reply)));
+    xercesc::DOMDocument* document = RequestXmlHelper::getInstance()->parse(replyDocument(reply));
+    ASSERT_NE(document, nullptr);
+    document->release();
+    std::string noType = "<reply xsi:type=\"SchemaTestReply\" requestId=\"" +
+                         UniqueID::generateId() +
+                         "\"><exception><message>m</message></exception></reply>";
+    expectPositionNamed(rejection(replyDocument(noType)));
 }
 
 TEST_F(RequestSchemaTest, WrongElementOrderIsRejected) {
