@@ -29,13 +29,9 @@ ReplyPackage::decode(const std::string& text,
         fail("Error decoding reply package: replyPackageString is empty.", function);
     }
     try {
-        PackageDocument document(RequestXmlHelper::getInstance()->parse(text));
-        if (attachments && document.get())
-            AttachmentBinder::bind(document.get(), *attachments);
-        xercesc::DOMElement* root =
-            document.get() ? document.get()->getDocumentElement() : nullptr;
-        xercesc::DOMDocument* owned = document.release();
-        return std::make_shared<ReplyPackage>(owned, root);
+        auto document = PackageDocument::parse(text, attachments);
+        xercesc::DOMElement* root = document->getRoot();
+        return std::make_shared<ReplyPackage>(document->release(), root);
     } catch (...) {
         KS_DEBUG("Exception while decoding reply package.");
         throw;
@@ -43,23 +39,15 @@ ReplyPackage::decode(const std::string& text,
 }
 
 ReplyPackage::ReplyPackage(xercesc::DOMDocument* domDocument, xercesc::DOMElement* root) {
-    const char* function = "Kestrane::ReplyPackage::ReplyPackage";
+    // The words name a root that is not the one checked for; they stay so.
+    static const PackageDocument::Words c_words{"KS_ReplyPackage",
+                                                "The root element is not 'KSOrvel_ReplyPackage'. ",
+                                                "The root element is no 'KSOrvel_ReplyPackage'.",
+                                                "reply",
+                                                "Requesthandling",
+                                                "Kestrane::ReplyPackage::ReplyPackage"};
     PackageDocument document(domDocument);
-    if (!document.get()) {
-        KS_WARN("The domDocument is NULL.");
-        fail("The domDocument is NULL.", function);
-    }
-    if (!root) {
-        KS_WARN("The root element is NULL.");
-        fail("The root element is NULL.", function);
-    }
-    if (XmlUtils::transcode(root->getLocalName()) != "KS_ReplyPackage") {
-        KS_WARN("The root element is not 'KSOrvel_ReplyPackage'. ");
-        fail("The root element is no 'KSOrvel_ReplyPackage'.", function);
-    }
-    xercesc::DOMElement* replyElement = XmlUtils::getElement("reply", root);
-    if (!replyElement)
-        fail("Reply element not found in reply package.", function);
+    xercesc::DOMElement* replyElement = document.checkedMessage(root, c_words);
     // The reply owns the document once it is made; until then a failure must release it here.
     m_reply = std::make_shared<Reply>(document.get(), replyElement);
     document.release();

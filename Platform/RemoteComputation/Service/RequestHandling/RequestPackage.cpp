@@ -31,13 +31,10 @@ RequestPackage::decode(const std::string& text, const AbstractRequestHandler& ha
         fail("Error decoding request package: requestPackageString is empty.", function);
     }
     try {
-        PackageDocument document(RequestXmlHelper::getInstance()->parse(text));
-        if (attachments && document.get())
-            AttachmentBinder::bind(document.get(), *attachments);
-        xercesc::DOMElement* root =
-            document.get() ? document.get()->getDocumentElement() : nullptr;
-        xercesc::DOMDocument* owned = document.release();
-        return std::make_shared<RequestPackage>(owned, root, handler, remoteIp, localIp);
+        auto document = PackageDocument::parse(text, attachments);
+        xercesc::DOMElement* root = document->getRoot();
+        return std::make_shared<RequestPackage>(document->release(), root, handler, remoteIp,
+                                                localIp);
     } catch (...) {
         KS_DEBUG("Exception while decoding request package.");
         throw;
@@ -45,26 +42,18 @@ RequestPackage::decode(const std::string& text, const AbstractRequestHandler& ha
 }
 
 RequestPackage::RequestPackage(xercesc::DOMDocument* domDocument, xercesc::DOMElement* root,
-                               const AbstractRequestHandler& handler,
-                               const std::string& remoteIp, const std::string& localIp)
+                               const AbstractRequestHandler& handler, const std::string& remoteIp,
+                               const std::string& localIp)
     : m_localIp(localIp) {
     const char* function = "Kestrane::RequestPackage::RequestPackage";
+    static const PackageDocument::Words c_words{"KS_RequestPackage",
+                                                "The root element is not 'KS_RequestPackage'. ",
+                                                "The root element is no 'KS_RequestPackage'.",
+                                                "request",
+                                                "RequestHandling",
+                                                "Kestrane::RequestPackage::RequestPackage"};
     PackageDocument document(domDocument);
-    if (!document.get()) {
-        KS_WARN("The domDocument is NULL.");
-        fail("The domDocument is NULL.", function);
-    }
-    if (!root) {
-        KS_WARN("The root element is NULL.");
-        fail("The root element is NULL.", function);
-    }
-    if (XmlUtils::transcode(root->getLocalName()) != "KS_RequestPackage") {
-        KS_WARN("The root element is not 'KS_RequestPackage'. ");
-        fail("The root element is no 'KS_RequestPackage'.", function);
-    }
-    xercesc::DOMElement* requestElement = XmlUtils::getElement("request", root);
-    if (!requestElement)
-        fail("Request element not found in request package.", function);
+    xercesc::DOMElement* requestElement = document.checkedMessage(root, c_words);
     {
         XmlRequest xmlRequest(document.release(), requestElement); // owns the document now
         m_request = handler.decodeRequest(xmlRequest);
