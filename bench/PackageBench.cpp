@@ -59,8 +59,8 @@ void BM_RequestPackageEncodeDecode20Elements(benchmark::State& state) {
     for (auto _ : state) {
         RequestPackageEncoder package(request, "bench-client", "");
         package.setReplyExpected(false);
-        auto decoded = RequestPackage::decode(package.getEncodedRequestPackage(), handler,
-                                              nullptr, "127.0.0.1", "127.0.0.1");
+        auto decoded = RequestPackage::decode(package.getEncodedRequestPackage(), handler, nullptr,
+                                              "127.0.0.1", "127.0.0.1");
         benchmark::DoNotOptimize(decoded);
     }
     state.SetItemsProcessed(state.iterations());

@@ -64,8 +64,8 @@ private:
     std::thread m_thread;
 };
 
-template <typename Publish> void run(benchmark::State& state, const std::string& endpoint,
-                                     Publish publish) {
+template <typename Publish>
+void run(benchmark::State& state, const std::string& endpoint, Publish publish) {
     Receiver receiver(endpoint);
     while (receiver.count() == 0) { // a new subscriber misses the first messages
         publish();

@@ -17,8 +17,7 @@ namespace Kestrane {
 namespace Testing {
 
 // Reads from a pipe until `stop` returns true for what came, the pipe closes, or the time is up.
-template <typename Stop>
-std::string readPipe(int fd, std::chrono::milliseconds limit, Stop stop) {
+template <typename Stop> std::string readPipe(int fd, std::chrono::milliseconds limit, Stop stop) {
     std::string text;
     auto deadline = std::chrono::steady_clock::now() + limit;
     while (!stop(text)) {
@@ -67,13 +66,12 @@ public:
             return result;
         };
         if (lines().size() <= index)
-            m_stdout += readPipe(m_process.getStandardOutputFd(), limit,
-                                 [&](const std::string& t) {
-                                     size_t count = 0;
-                                     for (char c : m_stdout + t)
-                                         count += c == '\n';
-                                     return count > index;
-                                 });
+            m_stdout += readPipe(m_process.getStandardOutputFd(), limit, [&](const std::string& t) {
+                size_t count = 0;
+                for (char c : m_stdout + t)
+                    count += c == '\n';
+                return count > index;
+            });
         auto all = lines();
         return index < all.size() ? all[index] : std::string();
     }

@@ -16,8 +16,8 @@ unsigned long parseNumber(const std::string& what, const std::string& value, uns
 }
 } // namespace
 
-WatchOptions WatchOptions::parse(const std::vector<std::string>& args,
-                                 unsigned int defaultAliveAge, unsigned int defaultChangeAge) {
+WatchOptions WatchOptions::parse(const std::vector<std::string>& args, unsigned int defaultAliveAge,
+                                 unsigned int defaultChangeAge) {
     WatchOptions options;
     options.maxAliveAge = defaultAliveAge;
     options.maxChangeAge = defaultChangeAge;
@@ -53,8 +53,8 @@ WatchOptions WatchOptions::parse(const std::vector<std::string>& args,
             if (colon == std::string::npos || colon == 0)
                 throw std::invalid_argument("Expected HOST:PORT, not '" + arg + "'");
             options.host = arg.substr(0, colon);
-            options.port = static_cast<int>(parseNumber("the port of '" + arg + "'",
-                                                        arg.substr(colon + 1), 1, 65535));
+            options.port = static_cast<int>(
+                parseNumber("the port of '" + arg + "'", arg.substr(colon + 1), 1, 65535));
             haveTarget = true;
         } else {
             throw std::invalid_argument("Unexpected argument '" + arg + "'");

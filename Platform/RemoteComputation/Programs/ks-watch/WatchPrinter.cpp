@@ -77,9 +77,9 @@ std::vector<std::string> AgeReporter::check() {
     int changeAge = m_watcher.getLastChangeAge();
     bool changeExceeded = m_maxChangeAge > 0 && changeAge > static_cast<int>(m_maxChangeAge);
     if (changeExceeded && !m_changeExceeded)
-        lines.push_back("Heartbeat of " + m_target + " unchanged for " +
-                        std::to_string(changeAge) + " s (limit " +
-                        std::to_string(m_maxChangeAge) + " s): the process may be hanging");
+        lines.push_back("Heartbeat of " + m_target + " unchanged for " + std::to_string(changeAge) +
+                        " s (limit " + std::to_string(m_maxChangeAge) +
+                        " s): the process may be hanging");
     if (!changeExceeded && m_changeExceeded)
         lines.push_back("Heartbeat of " + m_target + " changes again");
     m_changeExceeded = changeExceeded;

@@ -16,7 +16,9 @@ using namespace Kestrane;
 
 namespace {
 std::atomic<bool> s_stop{false};
-void onSignal(int) { s_stop = true; }
+void onSignal(int) {
+    s_stop = true;
+}
 } // namespace
 
 int main(int argc, char** argv) {
@@ -45,12 +47,14 @@ int main(int argc, char** argv) {
     WatchPrinter printer(publisher, options.topics, std::cout);
     LivingProcessWatcher watcher(publisher, 0, 0, false); // ages only; the reporter judges
     AgeReporter reporter(watcher, options.maxAliveAge, options.maxChangeAge, target);
-    printer.note("Watching " + target + " (topics " + [&] {
-        std::string list;
-        for (const auto& t : options.topics)
-            list += (list.empty() ? "" : ",") + t;
-        return list;
-    }() + ", max alive age " + std::to_string(options.maxAliveAge) + " s, max change age " +
+    printer.note("Watching " + target + " (topics " +
+                 [&] {
+                     std::string list;
+                     for (const auto& t : options.topics)
+                         list += (list.empty() ? "" : ",") + t;
+                     return list;
+                 }() +
+                 ", max alive age " + std::to_string(options.maxAliveAge) + " s, max change age " +
                  std::to_string(options.maxChangeAge) + " s)");
     printer.start(true);
     watcher.start(true);

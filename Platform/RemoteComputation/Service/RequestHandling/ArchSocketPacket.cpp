@@ -14,6 +14,8 @@ bool ArchSocketPacket::send(Computing::Socket& socket, const std::string& label)
     return result;
 }
 
-std::string ArchSocketPacket::toString() { return describe("ARCH"); }
+std::string ArchSocketPacket::toString() {
+    return describe("ARCH");
+}
 
 } // namespace Kestrane

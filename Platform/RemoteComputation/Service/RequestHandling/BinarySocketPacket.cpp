@@ -27,7 +27,9 @@ std::string BinarySocketPacket::describe(const std::string& kind) const {
     return text.str();
 }
 
-std::string BinarySocketPacket::toString() { return describe("BINARY"); }
+std::string BinarySocketPacket::toString() {
+    return describe("BINARY");
+}
 
 std::shared_ptr<BinarySocketPacket> BinarySocketPacket::receive(unsigned long size,
                                                                 Computing::Socket& socket,

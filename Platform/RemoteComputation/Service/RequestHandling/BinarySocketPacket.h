@@ -20,9 +20,8 @@ public:
     unsigned long getSize() const { return m_size; }
 
     // Reads a block of `size` bytes allocated with malloc; the caller takes it over.
-    static std::shared_ptr<BinarySocketPacket> receive(unsigned long size,
-                                                       Computing::Socket& socket,
-                                                       const std::string& label);
+    static std::shared_ptr<BinarySocketPacket>
+    receive(unsigned long size, Computing::Socket& socket, const std::string& label);
     static bool send(char* data, unsigned long size, Computing::Socket& socket,
                      const std::string& label);
 

@@ -34,8 +34,7 @@ void HandleConnectionTask::execute() {
         KS_ERROR("KsExceptionNested handling connection from " << m_clientAddress << ": "
                                                                << e.log());
     } catch (const std::exception& e) {
-        KS_ERROR("std::exception handling connection from " << m_clientAddress << ": "
-                                                            << e.what());
+        KS_ERROR("std::exception handling connection from " << m_clientAddress << ": " << e.what());
     } catch (...) {
         KS_ERROR("Exception handling connection from " << m_clientAddress << "!");
     }

@@ -11,15 +11,15 @@ namespace {
 Logging s_logging(__FILE__);
 }
 
-LivingProcessWatcher::LivingProcessWatcher(const HostInfo& host, int maxAliveAge,
-                                           int maxChangeAge, bool forwardAlive)
+LivingProcessWatcher::LivingProcessWatcher(const HostInfo& host, int maxAliveAge, int maxChangeAge,
+                                           bool forwardAlive)
     : Subscriber(host, {Publisher::c_topicAlive}),
       m_lastAliveTime(Clock::now().time_since_epoch().count()),
       m_lastChangeTime(Clock::now().time_since_epoch().count()), m_hostInfo(host),
       m_maxAliveAge(maxAliveAge), m_maxChangeAge(maxChangeAge), m_forwardAlive(forwardAlive) {
-    KS_TRACE("Created LivingProcessWatcher for " << host.toString() << ", maxAliveAge="
-                                                 << maxAliveAge << ", maxChangeAge="
-                                                 << maxChangeAge);
+    KS_TRACE("Created LivingProcessWatcher for " << host.toString()
+                                                 << ", maxAliveAge=" << maxAliveAge
+                                                 << ", maxChangeAge=" << maxChangeAge);
 }
 
 LivingProcessWatcher::~LivingProcessWatcher() {
@@ -32,7 +32,9 @@ int LivingProcessWatcher::secondsSince(Clock::rep since) {
     return static_cast<int>(std::chrono::duration_cast<std::chrono::seconds>(age).count());
 }
 
-int LivingProcessWatcher::getLastAliveAge() const { return secondsSince(m_lastAliveTime.load()); }
+int LivingProcessWatcher::getLastAliveAge() const {
+    return secondsSince(m_lastAliveTime.load());
+}
 
 int LivingProcessWatcher::getLastChangeAge() const {
     return secondsSince(m_lastChangeTime.load());
@@ -85,8 +87,7 @@ void LivingProcessWatcher::handleNoNewMessage(int) {
     if (m_maxChangeAge > 0) {
         int age = getLastChangeAge();
         if (age > m_maxChangeAge) {
-            KS_WARN("Max change message age exceeded (" << age << " > " << m_maxChangeAge
-                                                        << ")");
+            KS_WARN("Max change message age exceeded (" << age << " > " << m_maxChangeAge << ")");
             m_maxChangeAgeExceeded();
         }
     }

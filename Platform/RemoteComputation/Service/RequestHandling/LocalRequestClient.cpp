@@ -25,9 +25,10 @@ std::shared_ptr<Reply> LocalRequestClient::handleRequest(const std::string& requ
     return handleRequestJobStatus(request, requestId, progress, jobName, nullptr);
 }
 
-std::shared_ptr<Reply> LocalRequestClient::handleRequestJobStatus(
-    const std::string& request, const std::string&, std::shared_ptr<Progress> progress,
-    const std::string&, std::shared_ptr<RemoteJobStatusInterface> jobStatus) {
+std::shared_ptr<Reply>
+LocalRequestClient::handleRequestJobStatus(const std::string& request, const std::string&,
+                                           std::shared_ptr<Progress> progress, const std::string&,
+                                           std::shared_ptr<RemoteJobStatusInterface> jobStatus) {
     // The dispatcher always sees this client under its fixed name.
     auto reply = m_requestHandler->handle(request, progress, "LocalRequestClient", jobStatus, true);
     return reply ? Reply::decode(*reply) : nullptr;

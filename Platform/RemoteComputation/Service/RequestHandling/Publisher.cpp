@@ -43,9 +43,8 @@ Publisher* Publisher::getInstance() {
         } else {
             int range = config->getPortRange();
             s_instance = new Publisher(listenPort, range);
-            KS_TRACE("Created Publisher instance (port range=" << listenPort << "-"
-                                                               << listenPort + range - 1
-                                                               << "): " << s_instance);
+            KS_TRACE("Created Publisher instance (port range="
+                     << listenPort << "-" << listenPort + range - 1 << "): " << s_instance);
         }
     }
     return s_instance;
@@ -107,12 +106,10 @@ void Publisher::publish(const std::string& topic, const std::vector<std::string>
 }
 
 void Publisher::publishLogMessage(const LogMessage& message) {
-    publish(c_topicLogMessage,
-            {LogMessage::typeToString(message.type()), message.getGroup(),
-             std::to_string(message.timeStamp()), message.text()});
-    KS_TRACE("LOGMSG - " << LogMessage::typeToString(message.type()) << " - "
-                         << message.getGroup() << " - " << message.timeStamp() << " - "
-                         << message.text());
+    publish(c_topicLogMessage, {LogMessage::typeToString(message.type()), message.getGroup(),
+                                std::to_string(message.timeStamp()), message.text()});
+    KS_TRACE("LOGMSG - " << LogMessage::typeToString(message.type()) << " - " << message.getGroup()
+                         << " - " << message.timeStamp() << " - " << message.text());
 }
 
 } // namespace Kestrane

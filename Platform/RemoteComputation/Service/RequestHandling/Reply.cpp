@@ -45,7 +45,8 @@ Reply::~Reply() {
 std::shared_ptr<Reply> Reply::decode(const std::string& text) {
     if (text.empty())
         decodeError("Error decoding reply: replyString is empty.");
-    xercesc::DOMDocument* document = RequestXmlHelper::getInstance()->parse(ReplyEncoder::wrap(text));
+    xercesc::DOMDocument* document =
+        RequestXmlHelper::getInstance()->parse(ReplyEncoder::wrap(text));
     try {
         if (!document)
             decodeError("Error decoding reply: Parsing reply failed.");
@@ -76,7 +77,9 @@ std::vector<std::string> Reply::getElements(const std::string& name) const {
     return texts;
 }
 
-bool Reply::hasElement(const std::string& name) const { return getDomElement(name) != nullptr; }
+bool Reply::hasElement(const std::string& name) const {
+    return getDomElement(name) != nullptr;
+}
 
 xercesc::DOMElement* Reply::getDomElement(const std::string& name) const {
     return m_replyElement ? XmlUtils::getElement(name, m_replyElement) : nullptr;
@@ -184,8 +187,8 @@ void Reply::deleteReplyTmpDir() {
     FileName dir = getReplyTmpDir();
     if (FileUtilities::exists(dir)) {
         KS_TRACE("Deleting reply tmp dir '" << dir.toString() << "'...");
-        DeletePathThread::deletePath(dir,
-                                     RequestServerConfiguration::getRegisteredInstance()->keepTempFiles());
+        DeletePathThread::deletePath(
+            dir, RequestServerConfiguration::getRegisteredInstance()->keepTempFiles());
     } else {
         KS_TRACE("Reply tmp dir '" << dir.toString() << "' does not exist: nothing to delete.");
     }

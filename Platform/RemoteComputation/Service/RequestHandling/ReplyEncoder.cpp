@@ -21,8 +21,7 @@ namespace Kestrane {
 namespace {
 Logging s_logging(__FILE__);
 
-std::string element(const std::string& indent, const std::string& name,
-                    const std::string& text) {
+std::string element(const std::string& indent, const std::string& name, const std::string& text) {
     return indent + "<" + name + ">" + XmlUtils::toXml(text) + "</" + name + ">\n";
 }
 
@@ -50,8 +49,7 @@ struct ParsedDocument {
 };
 } // namespace
 
-ReplyEncoder::ReplyEncoder(const std::string& type, const std::string& requestId)
-    : m_type(type) {
+ReplyEncoder::ReplyEncoder(const std::string& type, const std::string& requestId) : m_type(type) {
     m_attributes["requestId"] = XmlUtils::toXml(requestId);
 }
 
@@ -80,8 +78,7 @@ void ReplyEncoder::addElement(const std::string& name, const double& value) {
     addElement(name, text.str());
 }
 
-void ReplyEncoder::addFilePath(const std::string& name, const FileName& file,
-                               bool forceTransfer) {
+void ReplyEncoder::addFilePath(const std::string& name, const FileName& file, bool forceTransfer) {
     m_elements.push_back(*XLinkFileEncoder::encode(name, file, true, forceTransfer));
 }
 
@@ -93,9 +90,9 @@ void ReplyEncoder::addIntArrayElement(const std::string& name, const int* data, 
 
 void ReplyEncoder::addDoubleArrayElement(const std::string& name, const double* data,
                                          uint64_t count) {
-    m_elements.push_back(*XLinkDataEncoder::encode<double>(
-        name, XLinkTypeNames::dataTypeOf<double>(), data, count, false, XLinkProtocol::dha,
-        nullptr, false));
+    m_elements.push_back(
+        *XLinkDataEncoder::encode<double>(name, XLinkTypeNames::dataTypeOf<double>(), data, count,
+                                          false, XLinkProtocol::dha, nullptr, false));
 }
 
 void ReplyEncoder::addAnyObjectElement(const std::string& name, const void* data,
@@ -105,7 +102,9 @@ void ReplyEncoder::addAnyObjectElement(const std::string& name, const void* data
         XLinkProtocol::dha, nullptr, false));
 }
 
-void ReplyEncoder::addText(const std::string& text) { m_elements.push_back(text); }
+void ReplyEncoder::addText(const std::string& text) {
+    m_elements.push_back(text);
+}
 
 void ReplyEncoder::addTextLines(const std::string& text) {
     std::istringstream lines(text);
@@ -114,8 +113,7 @@ void ReplyEncoder::addTextLines(const std::string& text) {
         m_elements.push_back(line);
 }
 
-void ReplyEncoder::addExceptionEntry(const std::string& exceptionStr,
-                                     const std::string& content) {
+void ReplyEncoder::addExceptionEntry(const std::string& exceptionStr, const std::string& content) {
     m_elements.push_back("<exceptionStr>" + XmlUtils::toXml(exceptionStr) +
                          "</exceptionStr>\n<exception>\n" + content + "</exception>\n");
 }
@@ -129,8 +127,7 @@ void ReplyEncoder::addStdException(const std::exception& exception) {
 }
 
 void ReplyEncoder::addException(const void* exception) {
-    addExceptionEntry(demangle(typeid(exception).name()),
-                      exceptionToXml(exception, "   ", "   "));
+    addExceptionEntry(demangle(typeid(exception).name()), exceptionToXml(exception, "   ", "   "));
 }
 
 std::string ReplyEncoder::exceptionToXml(const KsException& exception, const std::string& indent,
@@ -152,8 +149,8 @@ std::string ReplyEncoder::exceptionToXml(const KsException& exception, const std
     return xml;
 }
 
-std::string ReplyEncoder::exceptionToXml(const std::exception& exception,
-                                         const std::string& indent, const std::string&) {
+std::string ReplyEncoder::exceptionToXml(const std::exception& exception, const std::string& indent,
+                                         const std::string&) {
     return element(indent, "type", demangle(typeid(exception).name())) +
            element(indent, "message", exception.what());
 }

@@ -69,8 +69,8 @@ public:
                                       const std::string& furtherIndent);
 
 private:
-    void addAnyObjectElement(const std::string& name, const void* data,
-                             const std::string& typeName, uint64_t count);
+    void addAnyObjectElement(const std::string& name, const void* data, const std::string& typeName,
+                             uint64_t count);
     void addExceptionEntry(const std::string& exceptionStr, const std::string& content);
 
     std::string m_type;

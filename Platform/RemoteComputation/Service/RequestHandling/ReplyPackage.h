@@ -19,7 +19,8 @@ public:
     // Parses and validates the text and binds the attachments that arrived beside it. Throws
     // KsExceptionNested, or boost::bad_lexical_cast for a bad serial.
     static std::shared_ptr<ReplyPackage>
-    decode(const std::string& text, std::map<std::string, std::shared_ptr<Attachment>>* attachments);
+    decode(const std::string& text,
+           std::map<std::string, std::shared_ptr<Attachment>>* attachments);
 
     // Takes the document over (the reply keeps it).
     ReplyPackage(xercesc::DOMDocument* document, xercesc::DOMElement* root);

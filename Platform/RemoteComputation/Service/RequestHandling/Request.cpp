@@ -33,6 +33,8 @@ void Request::abort() {
     m_abortSignal();
 }
 
-void Request::sendLogMessage(const LogMessage& message) { m_logSignal(message); }
+void Request::sendLogMessage(const LogMessage& message) {
+    m_logSignal(message);
+}
 
 } // namespace Kestrane

@@ -38,9 +38,7 @@ public:
     const std::string& getSourceString() const { return m_sourceString; }
     void setSourceString(const std::string& source) { m_sourceString = source; }
     const std::string& getClientDescription() const { return m_clientDescription; }
-    void setClientDescription(const std::string& description) {
-        m_clientDescription = description;
-    }
+    void setClientDescription(const std::string& description) { m_clientDescription = description; }
     RequestPackage* getRequestPackage() const { return m_requestPackage; }
     void setRequestPackage(RequestPackage* package) { m_requestPackage = package; }
     std::shared_ptr<RemoteJobStatusInterface> getJobStatus() const { return m_jobStatus; }

@@ -100,35 +100,30 @@ void RequestEncoder::addElement(const std::string& name, const bool& value,
 }
 
 void RequestEncoder::addAttributedElement(const std::string& name, const std::string& value,
-                                          const Attributes& attributes,
-                                          const std::string& indent) {
+                                          const Attributes& attributes, const std::string& indent) {
     m_elements.push_back(indent +
                          *XTagger::tag(name, XmlUtils::toXml(value), &attributes, 0, false));
     m_bodyHash.clear();
 }
 void RequestEncoder::addAttributedElement(const std::string& name, const int& value,
-                                          const Attributes& attributes,
-                                          const std::string& indent) {
+                                          const Attributes& attributes, const std::string& indent) {
     addAttributedElement(name, numberText(value), attributes, indent);
 }
 void RequestEncoder::addAttributedElement(const std::string& name, const unsigned int& value,
-                                          const Attributes& attributes,
-                                          const std::string& indent) {
+                                          const Attributes& attributes, const std::string& indent) {
     addAttributedElement(name, numberText(value), attributes, indent);
 }
 void RequestEncoder::addAttributedElement(const std::string& name, const float& value,
-                                          const Attributes& attributes,
-                                          const std::string& indent) {
+                                          const Attributes& attributes, const std::string& indent) {
     addAttributedElement(name, numberText(value), attributes, indent);
 }
 void RequestEncoder::addAttributedElement(const std::string& name, const double& value,
-                                          const Attributes& attributes,
-                                          const std::string& indent) {
+                                          const Attributes& attributes, const std::string& indent) {
     addAttributedElement(name, numberText(value), attributes, indent);
 }
 
-void RequestEncoder::addFilePath(const std::string& name, const FileName& file,
-                                 bool forceTransfer, const std::string& indent) {
+void RequestEncoder::addFilePath(const std::string& name, const FileName& file, bool forceTransfer,
+                                 const std::string& indent) {
     m_elements.push_back(indent + *XLinkFileEncoder::encode(name, file, true, forceTransfer));
     m_bodyHash.clear();
 }
@@ -170,7 +165,9 @@ std::string RequestEncoder::getEncodedRequest() const {
     return text;
 }
 
-std::string RequestEncoder::getEncodedUndecoratedRequest() const { return encode(1, false); }
+std::string RequestEncoder::getEncodedUndecoratedRequest() const {
+    return encode(1, false);
+}
 
 const std::string& RequestEncoder::getBodyHash() const {
     if (m_bodyHash.empty())
@@ -183,8 +180,8 @@ std::string RequestEncoder::getBodyHash(const std::string& text) {
         return std::string();
     std::string copy = XmlUtils::fromXml(text);
     static const std::pair<const char*, const char*> c_replacements[] = {
-        {"\n", ""},   {"\r", ""},  {"\t", ""},   {"    ", " "}, {"   ", " "},
-        {"  ", " "},  {" <", "<"}, {"< ", "<"},  {" >", ">"},   {"> ", ">"},
+        {"\n", ""},    {"\r", ""},     {"\t", ""},   {"    ", " "}, {"   ", " "},
+        {"  ", " "},   {" <", "<"},    {"< ", "<"},  {" >", ">"},   {"> ", ">"},
         {"< /", "</"}, {"< / ", "</"}, {"</ ", "</"}};
     for (const auto& replacement : c_replacements)
         XmlUtils::replaceAll(copy, replacement.first, replacement.second);

@@ -14,12 +14,12 @@ public:
     RequestHandlingException& operator=(const RequestHandlingException&) = default;
     explicit RequestHandlingException(const KsExceptionNested& other);
     explicit RequestHandlingException(const std::exception& inner);
-    RequestHandlingException(const char* message, const char* source, const char* function, const char* file,
-       int line);
-    RequestHandlingException(const KsExceptionNested& inner, const char* message, const char* source,
-       const char* function, const char* file, int line);
+    RequestHandlingException(const char* message, const char* source, const char* function,
+                             const char* file, int line);
+    RequestHandlingException(const KsExceptionNested& inner, const char* message,
+                             const char* source, const char* function, const char* file, int line);
     RequestHandlingException(const std::exception& inner, const char* message, const char* source,
-       const char* function, const char* file, int line);
+                             const char* function, const char* file, int line);
     ~RequestHandlingException() override = default;
 
     std::string getName() const override { return "RequestHandlingException"; }

@@ -29,12 +29,12 @@ std::string RequestPackageEncoder::getEncodedRequestPackage() const {
     if (m_replyExpected) {
         RequestServer* server = RequestServer::getInstance(-1, 0);
         if (!server)
-            throw KsExceptionNested(
-                ("Cannot ask for a reply: this process has no RequestServer. " +
-                 RequestServer::getErrorMessage())
-                    .c_str(),
-                "RequestHandling", "Kestrane::RequestPackageEncoder::getEncodedRequestPackage",
-                __FILE__, __LINE__);
+            throw KsExceptionNested(("Cannot ask for a reply: this process has no RequestServer. " +
+                                     RequestServer::getErrorMessage())
+                                        .c_str(),
+                                    "RequestHandling",
+                                    "Kestrane::RequestPackageEncoder::getEncodedRequestPackage",
+                                    __FILE__, __LINE__);
         text += " replyHost=\"" + server->getHostName() + "\"\n";
         text += " replyPort=\"" + std::to_string(server->getPort()) + "\"\n";
     }

@@ -160,7 +160,9 @@ void RequestServer::addTask(std::shared_ptr<Tasks::Task> task) {
     m_workerPool->addTask(std::move(task));
 }
 
-std::string RequestServer::getHostName() { return m_hostName; }
+std::string RequestServer::getHostName() {
+    return m_hostName;
+}
 
 void RequestServer::setIp(const std::string& ip) {
     {
@@ -175,7 +177,9 @@ std::string RequestServer::getIp() {
     return m_ip;
 }
 
-uint16_t RequestServer::getPort() { return m_port; }
+uint16_t RequestServer::getPort() {
+    return m_port;
+}
 
 bool RequestServer::ping(const std::string& host, unsigned int port) {
     std::string label = host + ":" + std::to_string(port);
@@ -198,8 +202,7 @@ bool RequestServer::ping(const std::string& host, unsigned int port) {
 
 // ---- ServerTimeoutThread ----
 
-RequestServer::ServerTimeoutThread::ServerTimeoutThread(RequestServer* server,
-                                                        unsigned int timeout)
+RequestServer::ServerTimeoutThread::ServerTimeoutThread(RequestServer* server, unsigned int timeout)
     : Thread(""),
       m_timeout(timeout != 0
                     ? timeout

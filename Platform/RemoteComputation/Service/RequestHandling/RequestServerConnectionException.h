@@ -14,12 +14,14 @@ public:
     RequestServerConnectionException& operator=(const RequestServerConnectionException&) = default;
     explicit RequestServerConnectionException(const KsExceptionNested& other);
     explicit RequestServerConnectionException(const std::exception& inner);
-    RequestServerConnectionException(const char* message, const char* source, const char* function, const char* file,
-       int line);
-    RequestServerConnectionException(const KsExceptionNested& inner, const char* message, const char* source,
-       const char* function, const char* file, int line);
-    RequestServerConnectionException(const std::exception& inner, const char* message, const char* source,
-       const char* function, const char* file, int line);
+    RequestServerConnectionException(const char* message, const char* source, const char* function,
+                                     const char* file, int line);
+    RequestServerConnectionException(const KsExceptionNested& inner, const char* message,
+                                     const char* source, const char* function, const char* file,
+                                     int line);
+    RequestServerConnectionException(const std::exception& inner, const char* message,
+                                     const char* source, const char* function, const char* file,
+                                     int line);
     ~RequestServerConnectionException() override = default;
 
     std::string getName() const override { return "RequestServerConnectionException"; }

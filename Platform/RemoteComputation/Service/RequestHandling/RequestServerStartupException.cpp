@@ -16,24 +16,23 @@ RequestServerStartupException::RequestServerStartupException(const std::exceptio
 
 RequestServerStartupException::RequestServerStartupException(const char* message, bool critical,
                                                              const char* source,
-                                                             const char* function,
-                                                             const char* file, int line)
-    : RequestHandlingException(message, source, function, file, line), m_criticalError(critical) {
-}
+                                                             const char* function, const char* file,
+                                                             int line)
+    : RequestHandlingException(message, source, function, file, line), m_criticalError(critical) {}
 
 RequestServerStartupException::RequestServerStartupException(const KsExceptionNested& inner,
                                                              const char* message, bool critical,
                                                              const char* source,
-                                                             const char* function,
-                                                             const char* file, int line)
+                                                             const char* function, const char* file,
+                                                             int line)
     : RequestHandlingException(inner, message, source, function, file, line),
       m_criticalError(critical) {}
 
 RequestServerStartupException::RequestServerStartupException(const std::exception& inner,
                                                              const char* message, bool critical,
                                                              const char* source,
-                                                             const char* function,
-                                                             const char* file, int line)
+                                                             const char* function, const char* file,
+                                                             int line)
     : RequestHandlingException(inner, message, source, function, file, line),
       m_criticalError(critical) {}
 

@@ -21,9 +21,9 @@ public:
     RequestServerStartupException(const KsExceptionNested& inner, const char* message,
                                   bool critical, const char* source, const char* function,
                                   const char* file, int line);
-    RequestServerStartupException(const std::exception& inner, const char* message,
-                                  bool critical, const char* source, const char* function,
-                                  const char* file, int line);
+    RequestServerStartupException(const std::exception& inner, const char* message, bool critical,
+                                  const char* source, const char* function, const char* file,
+                                  int line);
     ~RequestServerStartupException() override = default;
 
     bool isCriticalError() const { return m_criticalError; }

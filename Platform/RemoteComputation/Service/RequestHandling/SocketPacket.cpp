@@ -22,8 +22,8 @@ std::string readWord(Computing::Socket& socket) {
 } // namespace
 
 SocketPacket::SocketPacket(const std::string& type, const std::string& data, bool cachePacket)
-    : AbstractSocketPacket(cachePacket), m_type(type),
-      m_data(std::make_shared<std::string>(data)) {}
+    : AbstractSocketPacket(cachePacket), m_type(type), m_data(std::make_shared<std::string>(data)) {
+}
 
 SocketPacket::SocketPacket(const std::string& type, std::shared_ptr<std::string> data,
                            bool cachePacket)
@@ -34,7 +34,9 @@ bool SocketPacket::send(Computing::Socket& socket, const std::string& label) {
     return send(m_type, *m_data, socket, label);
 }
 
-std::string SocketPacket::toString() { return m_type + " " + *m_data; }
+std::string SocketPacket::toString() {
+    return m_type + " " + *m_data;
+}
 
 std::string SocketPacket::loggedData(const std::string& data) {
     if (data.size() < c_maxLoggedData)
@@ -47,8 +49,8 @@ uint32_t SocketPacket::parseLength(const std::string& text) {
     return boost::lexical_cast<uint32_t>(text);
 }
 
-bool SocketPacket::send(const std::string& type, const std::string& data,
-                        Computing::Socket& socket, const std::string& label) {
+bool SocketPacket::send(const std::string& type, const std::string& data, Computing::Socket& socket,
+                        const std::string& label) {
     // The payload is a text: a NUL ends it.
     size_t length = std::strlen(data.c_str());
     std::string head = type + " ";

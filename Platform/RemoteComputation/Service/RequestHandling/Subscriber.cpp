@@ -43,8 +43,8 @@ Subscriber::~Subscriber() {
 int Subscriber::addPublisher(const HostInfo& publisher) {
     boost::lock_guard<boost::mutex> lock(m_sockets->mutex);
     if (!publisher.hasNameOrIp() || !publisher.hasPublisherPort()) {
-        KS_FATAL("Trying to subscribe to publisher with not enough HostInfo: "
-                 << publisher.toString());
+        KS_FATAL(
+            "Trying to subscribe to publisher with not enough HostInfo: " << publisher.toString());
         return -1;
     }
     int id = m_sockets->nextId++;

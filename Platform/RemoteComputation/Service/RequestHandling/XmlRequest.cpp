@@ -13,8 +13,7 @@ const char* c_function = "Kestrane::XmlRequest::XmlRequest";
 
 std::string XmlRequest::wrap(const std::string& requestText) {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<KS_Request " +
-           RequestXmlHelper::getNamespaceDeclarations() + ">\n" + requestText +
-           "</KS_Request>\n";
+           RequestXmlHelper::getNamespaceDeclarations() + ">\n" + requestText + "</KS_Request>\n";
 }
 
 XmlRequest::XmlRequest(const std::string& text, bool wrapText) : m_sourceString(text) {
@@ -63,8 +62,12 @@ XmlRequest::~XmlRequest() {
         m_document->release();
 }
 
-std::string XmlRequest::getId() const { return XmlUtils::getAttribute("id", m_request); }
+std::string XmlRequest::getId() const {
+    return XmlUtils::getAttribute("id", m_request);
+}
 
-std::string XmlRequest::getType() const { return XmlUtils::getAttribute("xsi:type", m_request); }
+std::string XmlRequest::getType() const {
+    return XmlUtils::getAttribute("xsi:type", m_request);
+}
 
 } // namespace Kestrane

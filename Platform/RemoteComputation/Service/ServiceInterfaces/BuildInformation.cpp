@@ -6,7 +6,11 @@
 
 namespace Kestrane {
 
-std::string BuildInformation::getGitRevision() { return KS_GIT_REVISION; }
-std::string BuildInformation::getVersion() { return "5.0.0"; }
+std::string BuildInformation::getGitRevision() {
+    return KS_GIT_REVISION;
+}
+std::string BuildInformation::getVersion() {
+    return "5.0.0";
+}
 
 } // namespace Kestrane

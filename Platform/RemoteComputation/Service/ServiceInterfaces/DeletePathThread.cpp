@@ -93,6 +93,8 @@ void DeletePathThread::deletePath(const FileName& path, bool keep) {
     Deleter::instance().add(path);
 }
 
-void DeletePathThread::shutdown() { Deleter::instance().shutdown(); }
+void DeletePathThread::shutdown() {
+    Deleter::instance().shutdown();
+}
 
 } // namespace Kestrane

@@ -28,14 +28,16 @@ std::string KsException::log() const {
     return out.str();
 }
 
-void KsException::log(std::stringstream& out) const { out << getName() << ": " << m_message; }
+void KsException::log(std::stringstream& out) const {
+    out << getName() << ": " << m_message;
+}
 
 std::shared_ptr<KsException> KsException::clone() const {
     return std::make_shared<KsException>(*this);
 }
 
-KsExceptionNested::KsExceptionNested(const char* message, const char* source,
-                                     const char* function, const char* file, int line)
+KsExceptionNested::KsExceptionNested(const char* message, const char* source, const char* function,
+                                     const char* file, int line)
     : KsException(message ? message : ""), m_source(source ? source : ""),
       m_function(function ? function : ""), m_file(file ? file : ""), m_line(line) {}
 
@@ -66,8 +68,7 @@ std::string KsExceptionNested::log() const {
 void KsExceptionNested::log(std::stringstream& out) const {
     out << getName() << ": " << m_message;
     if (!m_source.empty() || !m_function.empty())
-        out << " [" << m_source << " in " << m_function << " at " << m_file << ":" << m_line
-            << "]";
+        out << " [" << m_source << " in " << m_function << " at " << m_file << ":" << m_line << "]";
     if (m_inner) {
         out << "\n  caused by: ";
         m_inner->log(out);

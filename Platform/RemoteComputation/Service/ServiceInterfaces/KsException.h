@@ -78,5 +78,5 @@ std::string demangle(const char* mangledName);
 } // namespace Kestrane
 
 // Throws a KsExceptionNested with the current function, file and line.
-#define KS_THROW(message, source, function)                                                     \
+#define KS_THROW(message, source, function)                                                        \
     throw ::Kestrane::KsExceptionNested((message), (source), (function), __FILE__, __LINE__)

@@ -19,10 +19,14 @@ LogMessage::LogMessage(const std::string& text, Type type, const std::string& gr
 
 std::string LogMessage::typeToString(Type type) {
     switch (type) {
-    case Warning: return "WARNING";
-    case Error: return "ERROR";
-    case Debug: return "DEBUG";
-    default: return "INFO";
+    case Warning:
+        return "WARNING";
+    case Error:
+        return "ERROR";
+    case Debug:
+        return "DEBUG";
+    default:
+        return "INFO";
     }
 }
 

@@ -1,6 +1,6 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
-#include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
 
 #include <spdlog/details/log_msg.h>
 #include <spdlog/logger.h>
@@ -21,25 +21,39 @@ namespace {
 
 spdlog::level::level_enum toSpd(LogLevel level) {
     switch (level) {
-    case LogLevel::Trace: return spdlog::level::trace;
-    case LogLevel::Debug: return spdlog::level::debug;
-    case LogLevel::Info: return spdlog::level::info;
-    case LogLevel::Warn: return spdlog::level::warn;
-    case LogLevel::Error: return spdlog::level::err;
-    case LogLevel::Fatal: return spdlog::level::critical;
-    default: return spdlog::level::off;
+    case LogLevel::Trace:
+        return spdlog::level::trace;
+    case LogLevel::Debug:
+        return spdlog::level::debug;
+    case LogLevel::Info:
+        return spdlog::level::info;
+    case LogLevel::Warn:
+        return spdlog::level::warn;
+    case LogLevel::Error:
+        return spdlog::level::err;
+    case LogLevel::Fatal:
+        return spdlog::level::critical;
+    default:
+        return spdlog::level::off;
     }
 }
 
 LogLevel fromSpd(spdlog::level::level_enum level) {
     switch (level) {
-    case spdlog::level::trace: return LogLevel::Trace;
-    case spdlog::level::debug: return LogLevel::Debug;
-    case spdlog::level::info: return LogLevel::Info;
-    case spdlog::level::warn: return LogLevel::Warn;
-    case spdlog::level::err: return LogLevel::Error;
-    case spdlog::level::critical: return LogLevel::Fatal;
-    default: return LogLevel::Off;
+    case spdlog::level::trace:
+        return LogLevel::Trace;
+    case spdlog::level::debug:
+        return LogLevel::Debug;
+    case spdlog::level::info:
+        return LogLevel::Info;
+    case spdlog::level::warn:
+        return LogLevel::Warn;
+    case spdlog::level::err:
+        return LogLevel::Error;
+    case spdlog::level::critical:
+        return LogLevel::Fatal;
+    default:
+        return LogLevel::Off;
     }
 }
 
@@ -59,8 +73,7 @@ public:
 
 std::unique_ptr<spdlog::formatter> makeFormatter() {
     auto formatter = std::make_unique<spdlog::pattern_formatter>();
-    formatter->add_flag<LevelFlag>('*').set_pattern(
-        "%Y-%m-%d %H:%M:%S.%e %* [%P:%t] %s:%# %v");
+    formatter->add_flag<LevelFlag>('*').set_pattern("%Y-%m-%d %H:%M:%S.%e %* [%P:%t] %s:%# %v");
     return formatter;
 }
 
@@ -234,21 +247,38 @@ void Logging::logFATAL(const std::string& m, const char* f, const char* fn, int 
     log(LogLevel::Fatal, m, f, fn, l);
 }
 
-bool Logging::isEnabled(LogLevel level) { return Backend::instance().enabled(level); }
-void Logging::setLevel(LogLevel level) { Backend::instance().setLevel(level); }
-LogLevel Logging::getLevel() { return Backend::instance().level(); }
-void Logging::setLogFile(const std::string& path) { Backend::instance().setLogFile(path); }
-void Logging::flush() { Backend::instance().flush(); }
+bool Logging::isEnabled(LogLevel level) {
+    return Backend::instance().enabled(level);
+}
+void Logging::setLevel(LogLevel level) {
+    Backend::instance().setLevel(level);
+}
+LogLevel Logging::getLevel() {
+    return Backend::instance().level();
+}
+void Logging::setLogFile(const std::string& path) {
+    Backend::instance().setLogFile(path);
+}
+void Logging::flush() {
+    Backend::instance().flush();
+}
 
 std::string Logging::levelName(LogLevel level) {
     switch (level) {
-    case LogLevel::Trace: return "TRACE";
-    case LogLevel::Debug: return "DEBUG";
-    case LogLevel::Info: return "INFO";
-    case LogLevel::Warn: return "WARN";
-    case LogLevel::Error: return "ERROR";
-    case LogLevel::Fatal: return "FATAL";
-    default: return "OFF";
+    case LogLevel::Trace:
+        return "TRACE";
+    case LogLevel::Debug:
+        return "DEBUG";
+    case LogLevel::Info:
+        return "INFO";
+    case LogLevel::Warn:
+        return "WARN";
+    case LogLevel::Error:
+        return "ERROR";
+    case LogLevel::Fatal:
+        return "FATAL";
+    default:
+        return "OFF";
     }
 }
 
@@ -271,7 +301,9 @@ LogCapture::LogCapture() : m_impl(std::make_shared<Impl>()) {
     Backend::instance().addCapture(m_impl);
 }
 
-LogCapture::~LogCapture() { Backend::instance().removeCapture(m_impl); }
+LogCapture::~LogCapture() {
+    Backend::instance().removeCapture(m_impl);
+}
 
 std::vector<LogCapture::Entry> LogCapture::entries() const {
     std::lock_guard<std::mutex> lock(m_impl->entriesMutex);
@@ -293,7 +325,9 @@ std::vector<std::string> LogCapture::messages(LogLevel level) const {
     return result;
 }
 
-bool LogCapture::contains(const std::string& message) const { return count(message) > 0; }
+bool LogCapture::contains(const std::string& message) const {
+    return count(message) > 0;
+}
 
 bool LogCapture::contains(LogLevel level, const std::string& message) const {
     for (const auto& e : entries())

@@ -54,14 +54,14 @@ private:
 
 // Composes a message with a string stream and logs it with file, function signature and line,
 // only when the level is enabled. Expects a file-static `Logging s_logging`.
-#define KS_LOG_AT(LEVEL, expr)                                                                 \
-    do {                                                                                       \
-        if (::Kestrane::Logging::isEnabled(::Kestrane::LogLevel::LEVEL)) {                     \
-            std::ostringstream ks_log_stream_;                                                 \
-            ks_log_stream_ << expr;                                                            \
-            s_logging.log(::Kestrane::LogLevel::LEVEL, ks_log_stream_.str(), __FILE__,         \
-                          __PRETTY_FUNCTION__, __LINE__);                                      \
-        }                                                                                      \
+#define KS_LOG_AT(LEVEL, expr)                                                                     \
+    do {                                                                                           \
+        if (::Kestrane::Logging::isEnabled(::Kestrane::LogLevel::LEVEL)) {                         \
+            std::ostringstream ks_log_stream_;                                                     \
+            ks_log_stream_ << expr;                                                                \
+            s_logging.log(::Kestrane::LogLevel::LEVEL, ks_log_stream_.str(), __FILE__,             \
+                          __PRETTY_FUNCTION__, __LINE__);                                          \
+        }                                                                                          \
     } while (0)
 #define KS_TRACE(expr) KS_LOG_AT(Trace, expr)
 #define KS_DEBUG(expr) KS_LOG_AT(Debug, expr)

@@ -54,16 +54,20 @@ void LoggingSettings::parseCommandLine(std::vector<std::string>& args) {
         try {
             setLogFile(file, suffix);
         } catch (const KsException& e) {
-            throw KsException("Invalid value '" + file + "' for option -logFile: " +
-                              e.getMessage());
+            throw KsException("Invalid value '" + file +
+                              "' for option -logFile: " + e.getMessage());
         }
     }
     args.swap(rest);
 }
 
-void LoggingSettings::setLevel(LogLevel level) { Logging::setLevel(level); }
+void LoggingSettings::setLevel(LogLevel level) {
+    Logging::setLevel(level);
+}
 
-LogLevel LoggingSettings::getLevel() const { return Logging::getLevel(); }
+LogLevel LoggingSettings::getLevel() const {
+    return Logging::getLevel();
+}
 
 void LoggingSettings::setLogFile(const std::string& path, const std::string& suffix) {
     std::lock_guard<std::mutex> lock(m_mutex);

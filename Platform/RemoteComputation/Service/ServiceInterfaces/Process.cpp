@@ -15,8 +15,7 @@ extern char** environ;
 namespace Kestrane {
 namespace Computing {
 
-Process::Process(const std::string& executable, const std::vector<std::string>& arguments,
-                 Priority)
+Process::Process(const std::string& executable, const std::vector<std::string>& arguments, Priority)
     : m_executable(executable), m_arguments(arguments) {}
 
 Process::~Process() {
@@ -35,8 +34,12 @@ Process::~Process() {
     }
 }
 
-void Process::captureStandardOutput() { m_captureStdout = true; }
-void Process::captureStandardError() { m_captureStderr = true; }
+void Process::captureStandardOutput() {
+    m_captureStdout = true;
+}
+void Process::captureStandardError() {
+    m_captureStderr = true;
+}
 
 namespace {
 // A pipe whose write end becomes the child's descriptor `target`.

@@ -144,11 +144,13 @@ RequestServerConfiguration::describeSettings() {
         info("portRange", Kind::UInt16, "100", "ports", "Number of ports tried from listenPort on"),
         info("localHost", Kind::Text, "", "host name",
              "Name under which this host is given to others (empty: the host name)"),
-        info("autoShutdown", Kind::Bool, "false", "", "Stop the server after shutdownTimeout idle seconds"),
+        info("autoShutdown", Kind::Bool, "false", "",
+             "Stop the server after shutdownTimeout idle seconds"),
         info("shutdownTimeout", Kind::UInt32, "600", "s", "Idle time before an automatic stop"),
         info("maxRequestHandlerPoolSize", Kind::UInt32, "64", "threads",
              "Worker threads for connections, requests and cached replies together"),
-        info("sendReplyMaxRetry", Kind::UInt32, "3", "retries", "Retries of a failed reply delivery"),
+        info("sendReplyMaxRetry", Kind::UInt32, "3", "retries",
+             "Retries of a failed reply delivery"),
         info("sendReplyRetryDelay", Kind::UInt32, "5", "s", "Wait between reply delivery retries"),
         info("maxGetStatusTime", Kind::UInt32, "30", "s", "Time limit of a status query"),
         info("callbackTimeout", Kind::UInt32, "60", "s", "Wait for a started server's callback"),
@@ -168,7 +170,8 @@ RequestServerConfiguration::describeSettings() {
         info("fileTransferProgressUpdateInterval", Kind::UInt32, "5", "s",
              "Period of further progress lines of a file transfer"),
         info("computationCores", Kind::Int32, "1", "cores", "Cores that a worker announces"),
-        info("keepTempFiles", Kind::Bool, "false", "", "Keep temporary files instead of deleting them"),
+        info("keepTempFiles", Kind::Bool, "false", "",
+             "Keep temporary files instead of deleting them"),
         info("socketTimeout", Kind::UInt32, "300", "s",
              "Longest silence inside a conversation before the connection is given up; 0: none"),
     };
@@ -249,8 +252,7 @@ void RequestServerConfiguration::loadFile(const std::string& path) {
                           std::to_string(e.getLineNumber()) + ", column " +
                           std::to_string(e.getColumnNumber()) + "): " + toUtf8(e.getMessage()));
     } catch (const XMLException& e) {
-        throw KsException("Settings file '" + path + "' cannot be read: " +
-                          toUtf8(e.getMessage()));
+        throw KsException("Settings file '" + path + "' cannot be read: " + toUtf8(e.getMessage()));
     }
     DOMDocument* document = parser.getDocument();
     DOMElement* root = document ? document->getDocumentElement() : nullptr;
@@ -279,8 +281,12 @@ void RequestServerConfiguration::loadFile(const std::string& path) {
         setValue(name, value);
 }
 
-uint16_t RequestServerConfiguration::getListenPort() const { return number(ListenPort); }
-uint16_t RequestServerConfiguration::getPortRange() const { return number(PortRange); }
+uint16_t RequestServerConfiguration::getListenPort() const {
+    return number(ListenPort);
+}
+uint16_t RequestServerConfiguration::getPortRange() const {
+    return number(PortRange);
+}
 std::string RequestServerConfiguration::getLocalHost() const {
     {
         std::lock_guard<std::mutex> lock(m_textMutex);
@@ -289,7 +295,9 @@ std::string RequestServerConfiguration::getLocalHost() const {
     }
     return Computing::Utility::getHostName();
 }
-bool RequestServerConfiguration::getAutoShutdown() const { return number(AutoShutdown) != 0; }
+bool RequestServerConfiguration::getAutoShutdown() const {
+    return number(AutoShutdown) != 0;
+}
 unsigned int RequestServerConfiguration::getShutdownTimeout() const {
     return number(ShutdownTimeout);
 }
@@ -314,8 +322,12 @@ unsigned int RequestServerConfiguration::getJSUpdateInterval() const {
 unsigned int RequestServerConfiguration::getAlivePublishInterval() const {
     return number(AlivePublishInterval);
 }
-unsigned int RequestServerConfiguration::getMaxAliveAge() const { return number(MaxAliveAge); }
-unsigned int RequestServerConfiguration::getMaxChangeAge() const { return number(MaxChangeAge); }
+unsigned int RequestServerConfiguration::getMaxAliveAge() const {
+    return number(MaxAliveAge);
+}
+unsigned int RequestServerConfiguration::getMaxChangeAge() const {
+    return number(MaxChangeAge);
+}
 unsigned int RequestServerConfiguration::getRPingIntervalSec() const {
     return number(RPingIntervalSec);
 }
@@ -337,7 +349,9 @@ unsigned int RequestServerConfiguration::getFileTransferProgressUpdateInterval()
 int RequestServerConfiguration::getComputationCores() const {
     return static_cast<int>(number(ComputationCores));
 }
-bool RequestServerConfiguration::keepTempFiles() const { return number(KeepTempFiles) != 0; }
+bool RequestServerConfiguration::keepTempFiles() const {
+    return number(KeepTempFiles) != 0;
+}
 unsigned int RequestServerConfiguration::getSocketTimeout() const {
     return number(SocketTimeout);
 }

@@ -66,9 +66,8 @@ template <typename R, typename... A> class Slot<R(A...)> {
 public:
     using SlotType = boost::signals2::slot<void(A...)>;
 
-    template <typename F,
-              typename = std::enable_if_t<std::is_invocable_v<F, A...> &&
-                                          !std::is_same_v<std::decay_t<F>, Slot>>>
+    template <typename F, typename = std::enable_if_t<std::is_invocable_v<F, A...> &&
+                                                      !std::is_same_v<std::decay_t<F>, Slot>>>
     Slot(F function) : m_slot([function](A... args) mutable { function(args...); }) {}
 
     // Ends when the tracked object is gone.
@@ -96,8 +95,9 @@ public:
     Signal& operator=(const Signal&) = delete;
 
     Connection connect(const Slot<Signature>& slot, ConnectPosition position = AtBack) {
-        return Connection(m_signal.connect(
-            slot.get(), position == AtFront ? boost::signals2::at_front : boost::signals2::at_back));
+        return Connection(m_signal.connect(slot.get(), position == AtFront
+                                                           ? boost::signals2::at_front
+                                                           : boost::signals2::at_back));
     }
     template <typename... Args> void operator()(Args&&... args) {
         m_signal(std::forward<Args>(args)...);

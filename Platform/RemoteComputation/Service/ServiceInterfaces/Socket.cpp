@@ -22,7 +22,9 @@ Logging s_logging(__FILE__);
 constexpr size_t c_readBufferSize = 64 * 1024;
 constexpr size_t c_pendingLimit = 16 * 1024;
 
-int fdOf(uint64_t handle) { return static_cast<int>(handle); }
+int fdOf(uint64_t handle) {
+    return static_cast<int>(handle);
+}
 } // namespace
 
 Socket::Socket(uint64_t handle) : m_socket(handle) {
@@ -30,7 +32,9 @@ Socket::Socket(uint64_t handle) : m_socket(handle) {
         configureConnected();
 }
 
-Socket::~Socket() { close(); }
+Socket::~Socket() {
+    close();
+}
 
 void Socket::close() {
     if (isOpen()) {
@@ -177,7 +181,9 @@ bool Socket::receiveDataBlock(std::string& out, uint64_t size) {
     return true;
 }
 
-void Socket::sndMsg(const char* text) { sendDataBlock(text, std::strlen(text)); }
+void Socket::sndMsg(const char* text) {
+    sendDataBlock(text, std::strlen(text));
+}
 
 std::string addressText(const void* storage) {
     auto address = static_cast<const sockaddr_storage*>(storage);
@@ -354,9 +360,9 @@ ListenSocket::ListenSocket(int port, int portRange, int backlog) {
     if (!bound) {
         ::close(m_fd);
         m_fd = -1;
-        std::string range = count == 1 ? std::to_string(port)
-                                        : std::to_string(port) + "-" +
-                                              std::to_string(port + count - 1);
+        std::string range = count == 1
+                                ? std::to_string(port)
+                                : std::to_string(port) + "-" + std::to_string(port + count - 1);
         throw Error("bind to port " + range, lastError);
     }
     if (::listen(m_fd, backlog) != 0) {

@@ -5,7 +5,9 @@
 
 namespace Kestrane {
 
-TimeStamp::TimeStamp() { setToCurrentTime(); }
+TimeStamp::TimeStamp() {
+    setToCurrentTime();
+}
 
 void TimeStamp::setToCurrentTime() {
     m_microseconds = std::chrono::duration_cast<std::chrono::microseconds>(

@@ -23,8 +23,8 @@ struct ThreadGenerator {
         pid_t current = getpid();
         if (current != pid) {
             std::random_device device; // getrandom() on Linux
-            std::seed_seq seed{device(), device(), device(), device(), device(), device(),
-                               device(), device()};
+            std::seed_seq seed{device(), device(), device(), device(),
+                               device(), device(), device(), device()};
             engine.seed(seed);
             pid = current;
         }

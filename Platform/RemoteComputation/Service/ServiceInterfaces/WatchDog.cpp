@@ -12,7 +12,9 @@ Logging s_logging(__FILE__);
 
 WatchDog::WatchDog(uint64_t period) : m_period(period == 0 ? 1 : period) {}
 
-WatchDog::~WatchDog() { stopWatching(); }
+WatchDog::~WatchDog() {
+    stopWatching();
+}
 
 void WatchDog::watchThis(Watchable* watchable) {
     boost::lock_guard<boost::mutex> lock(m_mutex);
@@ -72,8 +74,9 @@ void WatchDog::run() {
         auto now = std::chrono::steady_clock::now();
         if (next < now)
             next = now; // a tick overran: go on from now instead of a burst of late ticks
-        auto deadline = boost::chrono::steady_clock::now() +
-                        boost::chrono::nanoseconds((next - std::chrono::steady_clock::now()).count());
+        auto deadline =
+            boost::chrono::steady_clock::now() +
+            boost::chrono::nanoseconds((next - std::chrono::steady_clock::now()).count());
         m_condition.wait_until(lock, deadline, [this] { return m_stopRequested; });
         if (m_stopRequested)
             break;

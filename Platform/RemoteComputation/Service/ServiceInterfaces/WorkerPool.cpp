@@ -11,7 +11,9 @@ Logging s_logging(__FILE__);
 
 Worker::Worker(WorkerPool& pool) : Thread("Worker"), m_pool(pool) {}
 
-Worker::~Worker() { finalize(); }
+Worker::~Worker() {
+    finalize();
+}
 
 void Worker::executeRun() {
     while (auto task = m_pool.takeTask()) {
@@ -37,7 +39,9 @@ WorkerPool::~WorkerPool() {
     workers.clear(); // each worker joins its thread
 }
 
-std::unique_ptr<Worker> WorkerPool::createWorker() { return std::make_unique<Worker>(*this); }
+std::unique_ptr<Worker> WorkerPool::createWorker() {
+    return std::make_unique<Worker>(*this);
+}
 
 void WorkerPool::addTask(std::shared_ptr<Task> task) {
     if (!task)

@@ -23,7 +23,9 @@ XercesString::XercesString(const char* text) {
     m_text = xercesc::XMLString::replicate(utf16.str());
 }
 
-XercesString::~XercesString() { xercesc::XMLString::release(&m_text); }
+XercesString::~XercesString() {
+    xercesc::XMLString::release(&m_text);
+}
 
 std::string toUtf8(const XMLCh* text) {
     if (!text)

@@ -68,9 +68,10 @@ TEST(RequestServerProgramTest, TakenPortIsAnError) {
     EXPECT_EQ(server.waitForExit(5000ms), 1);
     EXPECT_EQ(server.firstLine(100ms), "");
     std::string errors = server.standardError();
-    EXPECT_NE(errors.find("ks-request-server: Exception while creating RequestServer: bind to port " +
-                          std::to_string(taken.getListenPort()) + ": Address already in use"),
-              std::string::npos)
+    EXPECT_NE(
+        errors.find("ks-request-server: Exception while creating RequestServer: bind to port " +
+                    std::to_string(taken.getListenPort()) + ": Address already in use"),
+        std::string::npos)
         << errors;
 }
 
@@ -108,9 +109,10 @@ TEST(RequestServerProgramTest, BadSettingInEnvironmentIsRejected) {
 }
 
 TEST(RequestServerProgramTest, BadCommandLinesAreRejected) {
-    for (std::vector<std::string> args :
-         {std::vector<std::string>{"--port", "x"}, {"--nonsense"}, {"-logLevel", "LOUD"},
-          {"-logFile"}}) {
+    for (std::vector<std::string> args : {std::vector<std::string>{"--port", "x"},
+                                          {"--nonsense"},
+                                          {"-logLevel", "LOUD"},
+                                          {"-logFile"}}) {
         ServerProcess server(args);
         ASSERT_TRUE(server.start());
         EXPECT_EQ(server.waitForExit(5000ms), 2) << args[0];

@@ -18,9 +18,10 @@ TEST(WatchOptionsTest, TargetAndDefaults) {
 }
 
 TEST(WatchOptionsTest, AllOptions) {
-    auto options = WatchOptions::parse({"--topics", "alive,jobStatus", "127.0.0.1:9", "--max-alive-age",
-                                        "2", "--max-change-age", "0", "--duration", "5"},
-                                       30, 3600);
+    auto options =
+        WatchOptions::parse({"--topics", "alive,jobStatus", "127.0.0.1:9", "--max-alive-age", "2",
+                             "--max-change-age", "0", "--duration", "5"},
+                            30, 3600);
     EXPECT_EQ(options.host, "127.0.0.1");
     EXPECT_EQ(options.port, 9);
     EXPECT_EQ(options.topics, (std::vector<std::string>{"alive", "jobStatus"}));

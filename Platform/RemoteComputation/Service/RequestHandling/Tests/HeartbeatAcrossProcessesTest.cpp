@@ -51,8 +51,8 @@ TEST(HeartbeatAcrossProcessesTest, StoppedChildIsNoticedAndRecovers) {
     LivingProcessWatcher watcher(publisherAt(publisher), 1, 0, false);
     auto connection = watcher.maxAliveAgeExceeded().connect([&] { ++lost; });
     watcher.start(true);
-    ASSERT_TRUE(waitUntil([&] { return watcher.getLastAliveMsg() == "RequestServer running"; },
-                          5000ms));
+    ASSERT_TRUE(
+        waitUntil([&] { return watcher.getLastAliveMsg() == "RequestServer running"; }, 5000ms));
     std::this_thread::sleep_for(1500ms);
     EXPECT_EQ(watcher.getLastAliveAge(), 0);
     EXPECT_EQ(lost.load(), 0);
@@ -134,10 +134,9 @@ TEST(HeartbeatAcrossProcessesTest, BusyPublisherStillHeartbeatsOnTime) {
         auto worst = std::chrono::steady_clock::duration::zero();
         for (size_t i = 1; i < messages.size(); ++i)
             worst = std::max(worst, messages[i].time - messages[i - 1].time);
-        EXPECT_LT(worst, 300ms) << "largest gap "
-                                << std::chrono::duration_cast<std::chrono::milliseconds>(worst)
-                                       .count()
-                                << " ms";
+        EXPECT_LT(worst, 300ms)
+            << "largest gap "
+            << std::chrono::duration_cast<std::chrono::milliseconds>(worst).count() << " ms";
     }
     int status = 0;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);

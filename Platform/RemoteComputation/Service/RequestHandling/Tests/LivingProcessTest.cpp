@@ -27,8 +27,8 @@ std::function<bool(const ReceivedMessage&)> aliveText(const std::string& text) {
 
 // Subscribes to this process's heartbeat and waits until it arrives.
 std::unique_ptr<RecordingSubscriber> settledSubscriber(const std::string& firstText) {
-    auto subscriber = std::make_unique<RecordingSubscriber>(ownPublisher(),
-                                                            std::vector<std::string>{"alive"});
+    auto subscriber =
+        std::make_unique<RecordingSubscriber>(ownPublisher(), std::vector<std::string>{"alive"});
     subscriber->start(true);
     EXPECT_TRUE(subscriber->waitFor(aliveText(firstText), 5000ms));
     return subscriber;
@@ -90,8 +90,8 @@ TEST(LivingProcessTest, KeysRepeatInOrderWithTheTimeOfTheirLastCall) {
         stamps[m.content[1]].insert(m.content[0]);
     EXPECT_EQ(stamps["k1a"].size(), 1u);
     EXPECT_EQ(stamps["k2b"].size(), 1u);
-    EXPECT_TRUE(
-        capture.contains(LogLevel::Trace, "Timeout reached with no change: repeating alive message."));
+    EXPECT_TRUE(capture.contains(LogLevel::Trace,
+                                 "Timeout reached with no change: repeating alive message."));
     EXPECT_TRUE(capture.contains(LogLevel::Trace, "LivingProcess::alive() - k1a"));
 }
 
@@ -184,8 +184,13 @@ TEST(LivingProcessWatcherTest, ThreeElementsAreNoHeartbeat) {
     LivingProcessWatcher watcher(ownPublisher(), 0, 0, false);
     watcher.start(true);
     ASSERT_TRUE(publishUntil(
-        [] { Publisher::getInstance()->publish("alive", {"a", "b", "c"}); },
-        [&] { return capture.contains(LogLevel::Error, "Error: wrong topic (alive) or contnent size (3)!"); }));
+        [] {
+            Publisher::getInstance()->publish("alive", {"a", "b", "c"});
+        },
+        [&] {
+            return capture.contains(LogLevel::Error,
+                                    "Error: wrong topic (alive) or contnent size (3)!");
+        }));
     EXPECT_EQ(watcher.getLastAliveMsg(), "");
     std::this_thread::sleep_for(1100ms);
     EXPECT_GE(watcher.getLastAliveAge(), 1);
@@ -194,7 +199,10 @@ TEST(LivingProcessWatcherTest, ThreeElementsAreNoHeartbeat) {
 TEST(LivingProcessWatcherTest, ForwardedTextBecomesOwnHeartbeat) {
     LivingProcessWatcher watcher(ownPublisher(), 0, 0, true);
     watcher.start(true);
-    ASSERT_TRUE(publishUntil([] { Publisher::getInstance()->publish("alive", {"t1", "child busy"}); },
-                             [] { return LivingProcess::getLastAliveMsg("") == "child busy"; }));
+    ASSERT_TRUE(publishUntil(
+        [] {
+            Publisher::getInstance()->publish("alive", {"t1", "child busy"});
+        },
+        [] { return LivingProcess::getLastAliveMsg("") == "child busy"; }));
     EXPECT_EQ(watcher.getLastAliveMsg(), "child busy");
 }

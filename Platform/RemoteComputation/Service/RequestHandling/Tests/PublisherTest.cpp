@@ -18,7 +18,9 @@ using namespace Kestrane::Testing;
 using namespace std::chrono_literals;
 
 namespace {
-bool isAlive(const ReceivedMessage& m) { return m.topic == "alive"; }
+bool isAlive(const ReceivedMessage& m) {
+    return m.topic == "alive";
+}
 } // namespace
 
 TEST(PublisherTest, ListenPortZeroLetsTheSystemPick) {
@@ -91,13 +93,15 @@ TEST(PublisherTest, FramesAreTopicWithBarThenContent) {
     sub.connect("tcp://127.0.0.1:" + std::to_string(Publisher::getInstance()->getPort()));
     sub.set(zmq::sockopt::subscribe, "");
     std::vector<zmq::message_t> frames;
-    ASSERT_TRUE(publishUntil([] { Publisher::getInstance()->publish("alive", {"stamp", "text"}); },
-                             [&] {
-                                 frames.clear();
-                                 return zmq::recv_multipart(sub, std::back_inserter(frames),
-                                                            zmq::recv_flags::dontwait)
-                                     .has_value();
-                             }));
+    ASSERT_TRUE(publishUntil(
+        [] {
+            Publisher::getInstance()->publish("alive", {"stamp", "text"});
+        },
+        [&] {
+            frames.clear();
+            return zmq::recv_multipart(sub, std::back_inserter(frames), zmq::recv_flags::dontwait)
+                .has_value();
+        }));
     ASSERT_EQ(frames.size(), 3u);
     EXPECT_EQ(frames[0].to_string(), "alive|");
     EXPECT_EQ(frames[1].to_string(), "stamp");
@@ -116,8 +120,10 @@ TEST(PublisherTest, LogMessageFrames) {
     EXPECT_EQ(received.topic, "logMsg");
     EXPECT_EQ(received.content,
               (std::vector<std::string>{"ERROR", "jobLog", "-42", "disk almost full"}));
-    EXPECT_TRUE(capture.contains(LogLevel::Trace, "LOGMSG - ERROR - jobLog - -42 - disk almost full"));
-    EXPECT_TRUE(capture.contains(LogLevel::Trace, "PUBLISH - logMsg ERROR jobLog -42 disk almost full"));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Trace, "LOGMSG - ERROR - jobLog - -42 - disk almost full"));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Trace, "PUBLISH - logMsg ERROR jobLog -42 disk almost full"));
 }
 
 TEST(SubscriberTest, TopicEndMarkKeepsLongerTopicsOut) {
@@ -179,8 +185,8 @@ TEST(SubscriberTest, PublisherWithoutPortIsRefusedAndIdsAreNotReused) {
     HostInfo noPort;
     noPort.setIp("127.0.0.1");
     EXPECT_EQ(subscriber.addPublisher(noPort), -1);
-    EXPECT_TRUE(capture.containsSubstring(
-        "Trying to subscribe to publisher with not enough HostInfo: "));
+    EXPECT_TRUE(
+        capture.containsSubstring("Trying to subscribe to publisher with not enough HostInfo: "));
     HostInfo noAddress;
     noAddress.setPublisherPort(4000);
     EXPECT_EQ(subscriber.addPublisher(noAddress), -1);
@@ -214,6 +220,6 @@ TEST(SubscriberTest, BacklogDrainsAtFullSpeed) {
                              [&] { return !subscriber.messages().empty(); }));
     for (int i = 0; i < 500; ++i) // below the queue limits, where PUB drops
         Publisher::getInstance()->publish("burst", {std::to_string(i)});
-    ASSERT_TRUE(subscriber.waitFor([](const ReceivedMessage& m) { return m.content[0] == "499"; },
-                                   5000ms));
+    ASSERT_TRUE(
+        subscriber.waitFor([](const ReceivedMessage& m) { return m.content[0] == "499"; }, 5000ms));
 }

@@ -43,7 +43,8 @@ void registerSchema() {
 TEST(ReplyEncoderTest, EmptyReplyHasABlankBeforeTheEnd) {
     ReplyEncoder encoder("T", "R");
     EXPECT_EQ(encoder.getEncodedReply("", ""), "<reply xsi:type=\"T\" requestId=\"R\" />\n");
-    EXPECT_EQ(encoder.getEncodedReply("   ", "  "), "   <reply xsi:type=\"T\" requestId=\"R\" />\n");
+    EXPECT_EQ(encoder.getEncodedReply("   ", "  "),
+              "   <reply xsi:type=\"T\" requestId=\"R\" />\n");
 }
 
 TEST(ReplyEncoderTest, AttributesInTheOrderOfTheirNames) {
@@ -121,7 +122,8 @@ TEST(ReplyEncoderTest, ExceptionEntryLayout) {
     KsExceptionNested e("failed", "RequestHandling", "Kestrane::X::y", "X.cpp", 3);
     encoder.addKsException(e);
     std::string text = encoder.getEncodedReply("", "");
-    EXPECT_NE(text.find(">\n<exceptionStr>" + e.log() + "</exceptionStr>\n<exception>\n"
+    EXPECT_NE(text.find(">\n<exceptionStr>" + e.log() +
+                        "</exceptionStr>\n<exception>\n"
                         "   <type>Kestrane::KsExceptionNested</type>\n"),
               std::string::npos)
         << text;
@@ -146,14 +148,14 @@ TEST(ReplyEncoderTest, GetType) {
 TEST(ReplyEncoderTest, AttachmentIdsAndHrefMapping) {
     registerSchema();
     LogCapture capture;
-    std::string reply =
-        "<reply xsi:type=\"DataTestReply\" requestId=\"" + c_id + "\">\n"
-        "<data id=\"F1\" name=\"f\" href=\"file:///tmp/x.dat\"/>\n"
-        "<data id=\"H1\" name=\"h\" href=\"hdfs://#0x1234\"/>\n"
-        "<data id=\"A1\" name=\"a\" href=\"arch://#0x99\"/>\n"
-        "<data id=\"S1\" name=\"s\" href=\"file://\"/>\n"
-        "<data name=\"noid\" href=\"file:///tmp/y\"/>\n"
-        "</reply>\n";
+    std::string reply = "<reply xsi:type=\"DataTestReply\" requestId=\"" + c_id +
+                        "\">\n"
+                        "<data id=\"F1\" name=\"f\" href=\"file:///tmp/x.dat\"/>\n"
+                        "<data id=\"H1\" name=\"h\" href=\"hdfs://#0x1234\"/>\n"
+                        "<data id=\"A1\" name=\"a\" href=\"arch://#0x99\"/>\n"
+                        "<data id=\"S1\" name=\"s\" href=\"file://\"/>\n"
+                        "<data name=\"noid\" href=\"file:///tmp/y\"/>\n"
+                        "</reply>\n";
     EXPECT_EQ(ReplyEncoder::getAttachmentIds(reply), (std::vector<std::string>{"F1", "H1"}));
     EXPECT_TRUE(capture.contains(LogLevel::Trace, "Found 2 ids."));
     auto mapping = ReplyEncoder::createHrefMapping(reply);

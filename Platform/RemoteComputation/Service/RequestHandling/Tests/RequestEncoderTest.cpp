@@ -1,5 +1,5 @@
-#include "Platform/RemoteComputation/Service/RequestHandling/Request.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/Request.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/XmlRequest.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/AbstractRequestSchema.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
@@ -53,8 +53,8 @@ TEST(RequestEncoderTest, EmptyRequestHasTypeAndId) {
     RequestEncoder encoder("X");
     std::string text = encoder.getEncodedRequest();
     std::smatch match;
-    ASSERT_TRUE(std::regex_match(text, match,
-                                 std::regex("<request xsi:type=\"X\" id=\"(.{50})\"/>")));
+    ASSERT_TRUE(
+        std::regex_match(text, match, std::regex("<request xsi:type=\"X\" id=\"(.{50})\"/>")));
     EXPECT_TRUE(std::regex_match(match[1].str(), c_idPattern));
     EXPECT_EQ(match[1].str(), encoder.getId());
 }
@@ -118,8 +118,7 @@ TEST(RequestEncoderTest, ResultRequestEncoder) {
                   "\" postVar=\"temp\" procStep=\"3\" layer=\"-1\">\n   <text/>\n   "
                   "<aux>extra</aux>\n</request>");
     ResultRequestEncoder bare("ResultRequest", "p", 0, 0, nullptr, "");
-    EXPECT_EQ(bare.getEncodedRequest(), "<request xsi:type=\"ResultRequest\" id=\"" +
-                                            bare.getId() +
+    EXPECT_EQ(bare.getEncodedRequest(), "<request xsi:type=\"ResultRequest\" id=\"" + bare.getId() +
                                             "\" postVar=\"p\" procStep=\"0\" layer=\"0\"/>");
 }
 
@@ -128,8 +127,8 @@ TEST(RequestEncoderTest, SetCoreIdInsertsBehindTheId) {
     std::string text = encoder.getEncodedRequest();
     std::string core(50, 'C');
     RequestEncoder::setCoreId(text, core);
-    EXPECT_EQ(text, "<request xsi:type=\"C\" id=\"" + encoder.getId() + "\" coreId=\"" + core +
-                        "\"/>");
+    EXPECT_EQ(text,
+              "<request xsi:type=\"C\" id=\"" + encoder.getId() + "\" coreId=\"" + core + "\"/>");
     EXPECT_EQ(RequestEncoder::getRequestId(text), encoder.getId());
 }
 
@@ -155,7 +154,8 @@ TEST(RequestEncoderTest, EmptyCoreIdOnTextWithoutOneChangesNothing) {
     std::string noId = "<request xsi:type=\"C\"/>";
     RequestEncoder::setCoreId(noId, "");
     std::smatch match;
-    ASSERT_TRUE(std::regex_match(noId, match, std::regex("<request id=\"(.{50})\" xsi:type=\"C\"/>")))
+    ASSERT_TRUE(
+        std::regex_match(noId, match, std::regex("<request id=\"(.{50})\" xsi:type=\"C\"/>")))
         << noId;
     EXPECT_TRUE(std::regex_match(match[1].str(), c_idPattern));
 }
@@ -241,7 +241,8 @@ TEST(XmlRequestTest, MalformedInputThrows) {
         EXPECT_STREQ(e.what(), "Error creating XmlRequest: requestString is empty.");
         EXPECT_EQ(e.getSource(), "RequestHandling");
     }
-    EXPECT_TRUE(capture.contains(LogLevel::Debug, "Error creating XmlRequest: requestString is empty."));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Debug, "Error creating XmlRequest: requestString is empty."));
     std::string valid = RequestEncoder("EncoderTestRequest").getEncodedRequest();
     for (const std::string& bad :
          {valid.substr(0, valid.size() / 2), std::string("<request/>"),
@@ -270,9 +271,10 @@ TEST(RequestTest, AbortLogSignalsAndDestruction) {
     {
         DecodedRequest request(xml.getRootElement());
         auto c1 = request.getAbortSignal().connect([&] { ++aborts; });
-        auto c2 = request.getLogSignal().connect(
-            [&](const LogMessage& m) { texts.push_back(m.text()); });
-        request.getDestroyedSignal().connect([&](const std::string& id) { destroyedId = id; })
+        auto c2 =
+            request.getLogSignal().connect([&](const LogMessage& m) { texts.push_back(m.text()); });
+        request.getDestroyedSignal()
+            .connect([&](const std::string& id) { destroyedId = id; })
             .releaseWithoutDisconnect();
         EXPECT_FALSE(request.isAborted());
         request.sendLogMessage(LogMessage("step 1", LogMessage::Info, "g"));
@@ -284,8 +286,8 @@ TEST(RequestTest, AbortLogSignalsAndDestruction) {
     }
     EXPECT_EQ(texts, std::vector<std::string>{"step 1"});
     EXPECT_EQ(destroyedId, encoder.getId());
-    EXPECT_TRUE(capture.contains(LogLevel::Info,
-                                 "Aborting EncoderTestRequest " + encoder.getId() + "..."));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Info, "Aborting EncoderTestRequest " + encoder.getId() + "..."));
 }
 
 TEST(RequestTest, Fingerprint) {

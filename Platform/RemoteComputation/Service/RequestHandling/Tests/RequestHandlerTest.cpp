@@ -4,7 +4,6 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/UniqueID.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XercesPlatform.h"
 
-#include <xercesc/dom/DOM.hpp>
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyEncoder.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Request.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestEncoder.h"
@@ -14,6 +13,7 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
+#include <xercesc/dom/DOM.hpp>
 
 #include <gtest/gtest.h>
 
@@ -30,17 +30,18 @@ namespace {
 class DispatchTestSchema : public AbstractRequestSchema {
 public:
     DispatchTestSchema() {
-        m_schemaText = "<!-- DispatchTestSchema -->\n"
-                       "<xs:complexType name=\"DispatchTestRequest\">\n"
-                       " <xs:complexContent><xs:extension base=\"ksrq:Request\">\n"
-                       "  <xs:sequence><xs:element name=\"mode\" type=\"xs:string\"/></xs:sequence>\n"
-                       " </xs:extension></xs:complexContent>\n"
-                       "</xs:complexType>\n"
-                       "<xs:complexType name=\"DispatchTestReply\">\n"
-                       " <xs:complexContent><xs:extension base=\"ksrq:Reply\">\n"
-                       "  <xs:sequence><xs:element name=\"aborted\" type=\"xs:string\"/></xs:sequence>\n"
-                       " </xs:extension></xs:complexContent>\n"
-                       "</xs:complexType>\n";
+        m_schemaText =
+            "<!-- DispatchTestSchema -->\n"
+            "<xs:complexType name=\"DispatchTestRequest\">\n"
+            " <xs:complexContent><xs:extension base=\"ksrq:Request\">\n"
+            "  <xs:sequence><xs:element name=\"mode\" type=\"xs:string\"/></xs:sequence>\n"
+            " </xs:extension></xs:complexContent>\n"
+            "</xs:complexType>\n"
+            "<xs:complexType name=\"DispatchTestReply\">\n"
+            " <xs:complexContent><xs:extension base=\"ksrq:Reply\">\n"
+            "  <xs:sequence><xs:element name=\"aborted\" type=\"xs:string\"/></xs:sequence>\n"
+            " </xs:extension></xs:complexContent>\n"
+            "</xs:complexType>\n";
     }
 };
 
@@ -142,11 +143,13 @@ TEST(RequestHandlerTest, DefaultHandlerIsMadeOnce) {
     LogCapture capture;
     RequestHandler* first = RequestHandler::getDefaultRequestHandler();
     EXPECT_EQ(RequestHandler::getDefaultRequestHandler(), first);
-    EXPECT_EQ(capture.count("Created default handler: " + [&] {
-        std::ostringstream text;
-        text << first;
-        return text.str();
-    }()), 1u);
+    EXPECT_EQ(capture.count("Created default handler: " +
+                            [&] {
+                                std::ostringstream text;
+                                text << first;
+                                return text.str();
+                            }()),
+              1u);
 }
 
 TEST(RequestHandlerTest, HandlesThroughTheChain) {
@@ -159,12 +162,14 @@ TEST(RequestHandlerTest, HandlesThroughTheChain) {
     EXPECT_EQ(ReplyEncoder::getType(*reply), "DispatchTestReply");
     EXPECT_NE(reply->find("<aborted>no</aborted>"), std::string::npos);
     EXPECT_EQ(f.handler.getRunningRequestCount(), 0u);
-    EXPECT_TRUE(capture.contains(LogLevel::Debug,
-                                 "Request handled by handler 'DispatchTestHandler'. "
-                                 "replyType='DispatchTestReply', requestId='" +
-                                     request->getId() + "'"));
-    EXPECT_TRUE(capture.contains(LogLevel::Debug, "Decoding request... (type='DispatchTestRequest')"));
-    EXPECT_TRUE(capture.contains(LogLevel::Trace, "Trying to decode using 'StandardRequestHandler'"));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Debug, "Request handled by handler 'DispatchTestHandler'. "
+                                          "replyType='DispatchTestReply', requestId='" +
+                                              request->getId() + "'"));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Debug, "Decoding request... (type='DispatchTestRequest')"));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Trace, "Trying to decode using 'StandardRequestHandler'"));
 }
 
 TEST(RequestHandlerTest, AbortBeforeTheRequestStarts) {
@@ -226,7 +231,8 @@ TEST(RequestHandlerTest, AbortRequestWithNeitherIdEmitsAnEmptyId) {
     // The schema wants one of the two; a request built without it still behaves.
     XercesPlatform::ensureInitialized();
     auto impl = xercesc::DOMImplementationRegistry::getDOMImplementation(XercesString("Core"));
-    xercesc::DOMDocument* document = impl->createDocument(nullptr, XercesString("request"), nullptr);
+    xercesc::DOMDocument* document =
+        impl->createDocument(nullptr, XercesString("request"), nullptr);
     document->getDocumentElement()->setAttribute(XercesString("id"), XercesString("X"));
     AbortRequest request(document->getDocumentElement());
     document->release();
@@ -285,17 +291,18 @@ TEST(RequestHandlerTest, HandlerReturningNull) {
     Fixture f;
     auto request = f.decode("null");
     EXPECT_EQ(f.handler.handle(request), nullptr);
-    EXPECT_TRUE(capture.contains(LogLevel::Debug,
-                                 "Request handled by handler 'DispatchTestHandler'. "
-                                 "replyType='NULL', requestId='" +
-                                     request->getId() + "'"));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Debug, "Request handled by handler 'DispatchTestHandler'. "
+                                          "replyType='NULL', requestId='" +
+                                              request->getId() + "'"));
 }
 
 TEST(RequestHandlerTest, HandlerExceptionsPassToTheCaller) {
     LogCapture capture;
     Fixture f;
     EXPECT_THROW(f.handler.handle(f.decode("nested")), KsExceptionNested);
-    EXPECT_TRUE(capture.contains(LogLevel::Warn, "KsExceptionNested while handling request: nested failure"));
+    EXPECT_TRUE(capture.contains(LogLevel::Warn,
+                                 "KsExceptionNested while handling request: nested failure"));
     try {
         f.handler.handle(f.decode("plain"));
         FAIL();
@@ -304,9 +311,11 @@ TEST(RequestHandlerTest, HandlerExceptionsPassToTheCaller) {
     } catch (const KsException& e) {
         EXPECT_STREQ(e.what(), "plain failure");
     }
-    EXPECT_TRUE(capture.contains(LogLevel::Warn, "KsException while handling request: plain failure"));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Warn, "KsException while handling request: plain failure"));
     EXPECT_THROW(f.handler.handle(f.decode("std")), std::runtime_error);
-    EXPECT_TRUE(capture.contains(LogLevel::Warn, "std::exception while handling request: std failure"));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Warn, "std::exception while handling request: std failure"));
     try {
         f.handler.handle(f.decode("int"));
         FAIL();
@@ -331,8 +340,9 @@ TEST(RequestHandlerTest, NoHandlerForARequest) {
         EXPECT_STREQ(e.what(), "No handler available for this request.");
         EXPECT_EQ(e.getFunction(), "Kestrane::RequestHandler::handle");
     }
-    EXPECT_TRUE(capture.contains(LogLevel::Debug, "No handle found for request. type='DispatchTestRequest', id='" +
-                                                      request->getId() + "'"));
+    EXPECT_TRUE(capture.contains(LogLevel::Debug,
+                                 "No handle found for request. type='DispatchTestRequest', id='" +
+                                     request->getId() + "'"));
     RequestEncoder encoder("DispatchTestRequest");
     encoder.addElement("mode", std::string("ok"), "");
     XmlRequest xml(encoder.getEncodedRequest(), true);
@@ -340,7 +350,8 @@ TEST(RequestHandlerTest, NoHandlerForARequest) {
     EXPECT_TRUE(capture.contains(LogLevel::Debug,
                                  "No handle found to decode request. type='DispatchTestRequest'"));
     EXPECT_EQ(handler.handle(encoder.getEncodedRequest(), nullptr, "c", nullptr, true), nullptr);
-    EXPECT_TRUE(capture.contains(LogLevel::Warn, "Can't decode request: type = DispatchTestRequest"));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Warn, "Can't decode request: type = DispatchTestRequest"));
 }
 
 TEST(RequestHandlerTest, RawPointerHandleIsATrap) {
@@ -349,7 +360,8 @@ TEST(RequestHandlerTest, RawPointerHandleIsATrap) {
     auto request = f.decode("ok");
     EXPECT_EQ(f.handler.handle(request.get()), nullptr);
     EXPECT_EQ(f.handler.handle(static_cast<Request*>(nullptr)), nullptr);
-    EXPECT_TRUE(capture.contains(LogLevel::Error, "use RequestHandler::handle(std::shared_ptr<Request> request)"));
+    EXPECT_TRUE(capture.contains(LogLevel::Error,
+                                 "use RequestHandler::handle(std::shared_ptr<Request> request)"));
 }
 
 TEST(RequestHandlerTest, InProcessRoadWithProgress) {
@@ -357,7 +369,8 @@ TEST(RequestHandlerTest, InProcessRoadWithProgress) {
     auto progress = std::make_shared<RecordingProgress>();
     RequestEncoder encoder("DispatchTestRequest");
     encoder.addElement("mode", std::string("ok"), "  ");
-    auto reply = f.handler.handle(encoder.getEncodedRequest(), progress, "LocalClient", nullptr, true);
+    auto reply =
+        f.handler.handle(encoder.getEncodedRequest(), progress, "LocalClient", nullptr, true);
     ASSERT_NE(reply, nullptr);
     EXPECT_EQ(progress->texts, std::vector<std::string>{"handled ok"});
 }

@@ -17,7 +17,9 @@ using namespace std::chrono_literals;
 
 namespace {
 
-RequestServerConfiguration* config() { return RequestServerConfiguration::getRegisteredInstance(); }
+RequestServerConfiguration* config() {
+    return RequestServerConfiguration::getRegisteredInstance();
+}
 
 // A client connection to the server under test.
 struct Client {
@@ -46,10 +48,12 @@ TEST(RequestServerTest, SystemPicksPortWhenConfigurationSaysZero) {
     ASSERT_NE(server, nullptr);
     EXPECT_GT(server->getPort(), 0);
     EXPECT_TRUE(RequestServer::ping("127.0.0.1", server->getPort()));
-    EXPECT_TRUE(capture.contains(LogLevel::Info, "Creating new RequestServer instance (port = 0)..."));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Info, "Creating new RequestServer instance (port = 0)..."));
     EXPECT_TRUE(capture.contains(LogLevel::Info, "Returning new RequestServerinstance (port = 0)"));
     EXPECT_EQ(RequestServer::getInstance(-1, 77), server);
-    EXPECT_TRUE(capture.contains(LogLevel::Trace, "Returning existing RequestServerinstance (port = 77)"));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Trace, "Returning existing RequestServerinstance (port = 77)"));
     EXPECT_EQ(server->getHostName(), config()->getLocalHost());
 }
 
@@ -100,7 +104,8 @@ TEST(RequestServerTest, WatchdogStopsServerAfterIdlePasses) {
     EXPECT_EQ(server->getServerTimeoutThread()->getTimeout(), 3u);
     ASSERT_TRUE(waitUntilStopped(server, 8000ms));
     server->waitForShutdown();
-    EXPECT_TRUE(capture.contains(LogLevel::Trace, "Executing ServerTimeoutThread (timout = 3s)..."));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Trace, "Executing ServerTimeoutThread (timout = 3s)..."));
     EXPECT_TRUE(capture.contains(LogLevel::Debug, "RequestServer idle (1/3)."));
     EXPECT_TRUE(capture.contains(LogLevel::Debug, "RequestServer idle (2/3)."));
     EXPECT_TRUE(capture.contains(LogLevel::Debug, "RequestServer idle (3/3)."));
@@ -183,7 +188,8 @@ TEST(RequestServerTest, PingAnsweredUntilCloseConnection) {
     EXPECT_TRUE(capture.contains(LogLevel::Debug, "Ping packet received."));
     EXPECT_TRUE(capture.contains(LogLevel::Trace, "Handling connection from 127.0.0.1..."));
     EXPECT_TRUE(capture.contains(LogLevel::Trace, "Packet received (type = C)"));
-    EXPECT_TRUE(capture.contains(LogLevel::Trace, "Connection from 127.0.0.1 closed by remote host."));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Trace, "Connection from 127.0.0.1 closed by remote host."));
     EXPECT_TRUE(capture.containsSubstring(" received connection from 127.0.0.1"));
 }
 
@@ -191,9 +197,7 @@ TEST(RequestServerTest, ConnectionClosedRightAfterAcceptEndsWithStdExceptionLine
     LogCapture capture;
     RequestServer* server = RequestServer::getInstance(-1, 0);
     ASSERT_NE(server, nullptr);
-    {
-        Client client(server->getPort());
-    }
+    { Client client(server->getPort()); }
     ASSERT_TRUE(capture.waitFor("Connection from 127.0.0.1 handled.", 2000ms));
     EXPECT_TRUE(capture.contains(LogLevel::Error,
                                  "std::exception handling connection from 127.0.0.1: bad lexical "
@@ -241,13 +245,13 @@ TEST(RequestServerTest, BadInputNeverKillsTheServer) {
     RequestServer* server = RequestServer::getInstance(-1, 0);
     ASSERT_NE(server, nullptr);
     const std::vector<std::string> garbage = {
-        "C abc PING",          // length is no number
-        "C 99999999999 PING",  // length beyond 32 bits
-        "C -1 ab",             // 4294967295 announced, two bytes, then the peer is gone
-        "C 10 PIN",            // the peer vanishes inside the payload
-        "RQ",                  // the peer vanishes inside the header
+        "C abc PING",         // length is no number
+        "C 99999999999 PING", // length beyond 32 bits
+        "C -1 ab",            // 4294967295 announced, two bytes, then the peer is gone
+        "C 10 PIN",           // the peer vanishes inside the payload
+        "RQ",                 // the peer vanishes inside the header
         std::string("\0\0\0\0", 4),
-        "C 4 PONG",            // not a command the server takes
+        "C 4 PONG", // not a command the server takes
     };
     for (const auto& bytes : garbage) {
         Client client(server->getPort());

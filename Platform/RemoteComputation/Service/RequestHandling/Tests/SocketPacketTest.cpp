@@ -88,7 +88,8 @@ TEST(SocketPacketTest, PayloadOf10000CharactersIsLoggedCut) {
     EXPECT_TRUE(capture.contains(LogLevel::Debug, cut));
     std::string longer(20000, 'q');
     SocketPacket::send("RQ", longer, pair.client, "peer");
-    EXPECT_TRUE(capture.contains(LogLevel::Debug, "SEND peer - RQ " + longer.substr(0, 10000) + "..."));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Debug, "SEND peer - RQ " + longer.substr(0, 10000) + "..."));
     EXPECT_EQ(SocketPacket::loggedData(std::string(10000, 'a')), std::string(10000, 'a') + "...");
     EXPECT_EQ(SocketPacket::loggedData(std::string(9999, 'a')), std::string(9999, 'a'));
 }
@@ -218,9 +219,7 @@ TEST(ArchSocketPacketTest, SendReleasesTheBlockOnce) {
 
 TEST(ArchSocketPacketTest, UnsentBlockStaysWithItsOwner) {
     char* block = static_cast<char*>(std::malloc(3));
-    {
-        ArchSocketPacket packet(block, 3, true);
-    }
+    { ArchSocketPacket packet(block, 3, true); }
     block[0] = 'k'; // still ours: writing and reading it is no use after free
     EXPECT_EQ(block[0], 'k');
     std::free(block);
