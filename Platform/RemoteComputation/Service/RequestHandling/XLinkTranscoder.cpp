@@ -175,6 +175,16 @@ struct Parts {
     FileName file;
 };
 
+// The link now points to a file that a conversion wrote.
+void becomeFileLink(const std::string& linkId, const FileName& path, std::string& id,
+                    std::string& dataPtrType, std::string& href, FileName* file) {
+    id = linkId;
+    dataPtrType = c_filePointer;
+    href = "file:///" + path.toString();
+    if (file)
+        *file = path;
+}
+
 bool partsOf(std::string& element, XLinkProtocol source, Parts& parts) {
     if (!XLinkTranscoder::parse(element, parts.protocol, parts.scheme, parts.href, parts.id,
                                 parts.name, parts.dataPtrType, parts.dataSize, parts.dataType,
@@ -349,11 +359,7 @@ bool XLinkTranscoder::dhaToFile(std::string& id, std::string& dataPtrType, std::
         return false;
     if (freeSource)
         std::free(array);
-    id = linkId;
-    dataPtrType = c_filePointer;
-    href = "file:///" + path.toString();
-    if (file)
-        *file = path;
+    becomeFileLink(linkId, path, id, dataPtrType, href, file);
     return true;
 }
 
@@ -432,11 +438,7 @@ bool XLinkTranscoder::hdfsToFile(std::string& id, std::string& dataPtrType, std:
     }
     if (freeSource)
         std::free(block);
-    id = linkId;
-    dataPtrType = c_filePointer;
-    href = "file:///" + path.toString();
-    if (file)
-        *file = path;
+    becomeFileLink(linkId, path, id, dataPtrType, href, file);
     return true;
 }
 
