@@ -234,6 +234,16 @@ TEST_F(TestRequestHandlerTest, WaitProgressZeroSendsStartAndDoneOnly) {
         EXPECT_EQ(type, LogMessage::Info);
 }
 
+TEST_F(TestRequestHandlerTest, WaitProgressWithNonNumericArgumentDoesNotWait) {
+    LogCapture capture;
+    auto progress = std::make_shared<RecordingProgress>();
+    auto reply = run(testRequest("WAIT_PROGRESS", "later"), progress);
+    ASSERT_NE(reply, nullptr);
+    EXPECT_EQ(reply->getElement("data"), "OK");
+    EXPECT_EQ(progress->texts(), (std::vector<std::string>{"starting...", "done."}));
+    EXPECT_FALSE(capture.containsSubstring("TestRequestHandler: WAIT_PROGRESS "));
+}
+
 TEST_F(TestRequestHandlerTest, WaitProgress250SleepsThreeTimes) {
     LogCapture capture;
     auto progress = std::make_shared<RecordingProgress>();
@@ -465,6 +475,14 @@ TEST_F(TestRequestHandlerTest, GetDataZeroGivesAnEmptyAttachment) {
     EXPECT_EQ(data->getDataSize(), 0u);
     EXPECT_EQ(data->getHref().compare(0, 6, "dha://"), 0) << data->getHref();
     std::free(data->getDhaPointer());
+}
+
+TEST_F(TestRequestHandlerTest, GetDataWithNonNumericCountThrows) {
+    LocalRequestClient client(nullptr);
+    LogCapture capture;
+    EXPECT_THROW(client.handleRequest(testRequest("GET_DATA", "many"), nullptr, ""),
+                 boost::bad_lexical_cast);
+    EXPECT_FALSE(capture.containsSubstring("Generating data."));
 }
 
 TEST_F(TestRequestHandlerTest, QueuedNopRunsWhenTheStartComes) {
