@@ -4,6 +4,7 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/Request.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/StandardRequestHandler.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/StandardRequestSchema.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/TestSchema.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/XmlRequest.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
@@ -35,6 +36,8 @@ RequestHandler::RequestHandler(const std::string& name) : AbstractRequestHandler
         m_description = hostDescription();
     auto standard = std::make_shared<StandardRequestHandler>();
     addRequestHandler(standard, StandardRequestSchema());
+    // The standard handler answers test requests, whose job ids use these extra elements.
+    addRequestSchema(TestSchema());
     m_abortConnection = standard->getAbortRequestSignal().connect(
         Signals::slot(this, &RequestHandler::abortRequest));
 }

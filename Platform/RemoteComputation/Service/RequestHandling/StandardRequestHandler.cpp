@@ -1,6 +1,8 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/StandardRequestHandler.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/AbortRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/StartQueuedJobRequest.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/TestRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/XmlRequest.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
@@ -18,6 +20,10 @@ StandardRequestHandler::StandardRequestHandler()
 StandardRequestHandler::~StandardRequestHandler() = default;
 
 std::shared_ptr<Request> StandardRequestHandler::decodeRequest(XmlRequest& request) const {
+    if (auto decoded = m_testRequestHandler.decodeRequest(request))
+        return decoded;
+    if (auto decoded = m_startQueuedJobRequestHandler.decodeRequest(request))
+        return decoded;
     if (request.getType() != "AbortRequest")
         return nullptr;
     auto decoded = std::make_shared<AbortRequest>(request.getRootElement());
@@ -26,7 +32,13 @@ std::shared_ptr<Request> StandardRequestHandler::decodeRequest(XmlRequest& reque
 }
 
 bool StandardRequestHandler::canHandle(Request* request) {
-    return dynamic_cast<AbortRequest*>(request) != nullptr;
+    if (dynamic_cast<TestRequest*>(request))
+        return m_testRequestHandler.canHandle(request);
+    if (dynamic_cast<AbortRequest*>(request))
+        return true;
+    if (dynamic_cast<StartQueuedJobRequest*>(request))
+        return m_startQueuedJobRequestHandler.canHandle(request);
+    return false;
 }
 
 std::shared_ptr<std::string> StandardRequestHandler::handle(Request* request) {
@@ -35,6 +47,10 @@ std::shared_ptr<std::string> StandardRequestHandler::handle(Request* request) {
         throw KsExceptionNested("Can't handle NULL request.", "Requesthandling", c_function,
                                 __FILE__, __LINE__);
     }
+    if (dynamic_cast<TestRequest*>(request))
+        return m_testRequestHandler.handle(request);
+    if (dynamic_cast<StartQueuedJobRequest*>(request))
+        return m_startQueuedJobRequestHandler.handle(request);
     if (auto abort = dynamic_cast<AbortRequest*>(request)) {
         KS_TRACE("Sending signal to abort request " << abort->getRequestId() << "...");
         std::string id = abort->getRequestId();

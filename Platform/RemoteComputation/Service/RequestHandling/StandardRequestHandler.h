@@ -1,6 +1,8 @@
 #pragma once
 
 #include "Platform/RemoteComputation/Service/RequestHandling/AbstractRequestHandler.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/StartQueuedJobRequestHandler.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/TestRequestHandler.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Signals.h"
 
 #include <map>
@@ -9,7 +11,8 @@
 namespace Kestrane {
 
 // Part of every RequestHandler: answers abort requests by emitting a signal that the owning
-// handler turns into an abort of the running request.
+// handler turns into an abort of the running request, and forwards test and queued-job requests
+// to their handlers.
 class StandardRequestHandler : public AbstractRequestHandler, public Signals::Trackable {
 public:
     using AbortRequestSignal = Signals::Signal<void(const std::string&)>;
@@ -27,6 +30,8 @@ public:
 
 private:
     AbortRequestSignal m_abortRequestSignal;
+    TestRequestHandler m_testRequestHandler;
+    StartQueuedJobRequestHandler m_startQueuedJobRequestHandler;
     std::map<std::string, std::string> m_requestIdsByJobId;
 };
 
