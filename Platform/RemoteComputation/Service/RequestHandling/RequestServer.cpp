@@ -1,5 +1,8 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/HandleConnectionTask.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/Request.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestHandler.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestPackage.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/SocketPacket.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/DeletePathThread.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
@@ -60,6 +63,7 @@ RequestServer::RequestServer(int shutdownTimeout, unsigned int port, unsigned in
     : Thread(""), m_listenSocket(static_cast<int>(port), static_cast<int>(portRange), 1000) {
     auto config = RequestServerConfiguration::getRegisteredInstance();
     m_hostName = config->getLocalHost();
+    m_requestHandler = RequestHandler::getDefaultRequestHandler();
     if (config->getAutoShutdown()) {
         m_serverTimeoutThread =
             new ServerTimeoutThread(this, shutdownTimeout >= 1 ? shutdownTimeout : 0);

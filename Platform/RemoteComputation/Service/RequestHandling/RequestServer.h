@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/AbstractRequestServer.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/GenericJobId.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Socket.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Thread.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/WorkerPool.h"
@@ -10,11 +11,14 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 
 namespace Kestrane {
 
+class RequestHandler;
+class RequestPackage;
 class RequestServerErrorLogger;
 
 // The one TCP server of a process. It owns the listening socket, the accept thread, one pool of
@@ -59,6 +63,16 @@ public:
     bool isStopped();
     void addTask(std::shared_ptr<Tasks::Task> task);
 
+    // The registry of requests under execution, keyed by request id: where their replies go.
+    void addRequestPackage(std::shared_ptr<RequestPackage> package);
+    void removeRequestPackage(std::shared_ptr<RequestPackage> package);
+    // Null when the id is not registered.
+    std::shared_ptr<RequestPackage> getRequestPackage(const std::string& requestId);
+    RequestHandler* getRequestHandler() const { return m_requestHandler; }
+    // The computation job that this process is; invalid by default.
+    const GenericJobId& getJobId() const { return m_jobId; }
+    void setJobId(const GenericJobId& jobId) { m_jobId = jobId; }
+
     std::string getHostName() override;
     void setIp(const std::string& ip) override;
     std::string getIp() override;
@@ -86,11 +100,15 @@ private:
     std::string m_hostName;
     boost::mutex m_ipMutex;
     std::string m_ip;
+    RequestHandler* m_requestHandler = nullptr;
     Tasks::WorkerPool* m_workerPool = nullptr;
     std::atomic<bool> m_stopping{false};
     bool m_stopped = false;
     boost::condition_variable_any m_shutdownCondition;
     boost::mutex m_shutdownMutex;
+    std::map<std::string, std::shared_ptr<RequestPackage>> m_requestPackages;
+    boost::mutex m_requestPackagesMutex;
+    GenericJobId m_jobId;
     std::string m_executableName;
     RequestServerErrorLogger* m_errorLogger = nullptr;
 
