@@ -21,8 +21,10 @@ constexpr size_t c_maxBuffer = 4u << 20;
 // A temporary file that is removed unless it was renamed into place.
 class TempFile {
 public:
-    explicit TempFile(const std::string& directory, const std::string& name) {
-        m_path = directory + "/." + name + ".part-XXXXXX";
+    explicit TempFile(const std::string& directory) {
+        // A short fixed pattern: a long leaf name must not push the temporary name over the
+        // length limit of a name.
+        m_path = directory + "/.ks-incoming-XXXXXX";
         m_fd = ::mkostemp(&m_path[0], O_CLOEXEC);
     }
     ~TempFile() {
@@ -124,7 +126,7 @@ bool FileReceiver::run(const std::string& fileName, const std::string& directory
     struct stat dirInfo {};
     if (::stat(directory.c_str(), &dirInfo) != 0 || !S_ISDIR(dirInfo.st_mode))
         return refuse("'" + directory + "' is not a directory");
-    TempFile temp(directory, fileName);
+    TempFile temp(directory);
     if (temp.fd() < 0)
         return refuse("cannot create a file in '" + directory + "': " + std::strerror(errno));
 

@@ -414,3 +414,63 @@ TEST(FileSenderTest, ConnectionCarriesOnAfterATransfer) {
     EXPECT_EQ(readFile(dirs.target / "one.txt"), "first");
     EXPECT_EQ(readFile(dirs.target / "two.txt"), "second file");
 }
+
+TEST(FileSenderTest, ReceiverVanishingInTheMiddleFailsTheSender) {
+    TempDirs dirs;
+    makeSparseFile(dirs.source / "big.bin", 256u << 20);
+    Pair pair;
+    FileSender sender(pair.client.getSocket(), false, 65536);
+    sender.setForceTransfer(true);
+    std::thread receiving([&] {
+        // A receiver that accepts the file, takes a little of it and goes away.
+        pair.server->sendDataBlock("KSFR", 4);
+        char head[5];
+        uint64_t size = 0;
+        unsigned char sizeBytes[8];
+        if (!pair.server->receiveDataBlock(head, 5) ||
+            !pair.server->receiveDataBlock(reinterpret_cast<char*>(sizeBytes), 8))
+            return;
+        for (int i = 0; i < 8; ++i)
+            size |= static_cast<uint64_t>(sizeBytes[i]) << (8 * i);
+        EXPECT_EQ(size, 256u << 20);
+        for (int field = 0; field < 4; ++field) {
+            unsigned char lengthBytes[4];
+            if (!pair.server->receiveDataBlock(reinterpret_cast<char*>(lengthBytes), 4))
+                return;
+            uint32_t length = 0;
+            for (int i = 0; i < 4; ++i)
+                length |= static_cast<uint32_t>(lengthBytes[i]) << (8 * i);
+            std::string text(length, '\0');
+            if (length != 0 && !pair.server->receiveDataBlock(&text[0], length))
+                return;
+        }
+        pair.server->sendDataBlock("C", 1);
+        std::string some(100000, '\0');
+        pair.server->receiveDataBlock(&some[0], some.size());
+        pair.server->close();
+    });
+    auto start = std::chrono::steady_clock::now();
+    bool copied = true;
+    const bool ok = sender.execute((dirs.source / "big.bin").string(), "id", copied);
+    receiving.join();
+    EXPECT_FALSE(ok);
+    EXPECT_FALSE(copied);
+    EXPECT_NE(sender.getErrorMessage().find("failed"), std::string::npos)
+        << sender.getErrorMessage();
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 5.0);
+}
+
+TEST(FileReceiverTest, LongLeafNameIsStored) {
+    TempDirs dirs;
+    const std::string name(200, 'n');
+    writeFile(dirs.source / name, "long name");
+    Pair pair;
+    FileSender sender(pair.client.getSocket(), false, 4096);
+    sender.setForceTransfer(true);
+    FileReceiver receiver(pair.server->getSocket(), false, 4096);
+    Transfer t = transfer(pair, sender, receiver, dirs.source / name, name, dirs.target);
+    ASSERT_TRUE(t.sent.ok) << t.sent.error;
+    ASSERT_TRUE(t.received.ok) << t.received.error;
+    EXPECT_EQ(readFile(dirs.target / name), "long name");
+    EXPECT_EQ(dirs.targetEntries(), 1u);
+}
