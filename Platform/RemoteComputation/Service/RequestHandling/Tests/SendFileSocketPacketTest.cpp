@@ -175,10 +175,15 @@ TEST(SendFileSocketPacketTest, SameHostAndUserIsNotCopiedAndTheJobLogSaysSo) {
     EXPECT_EQ(receiving.senderPath, (dirs.source / "shared.txt").string());
     EXPECT_EQ(receiving.nextPacket, "PING");
     EXPECT_EQ(dirs.targetEntries(), 0u);
+    // The companion may look before or after the quick answer, or be cancelled before its
+    // first look; these are the only possible job logs.
+    const std::string start = "Starting transfer of file shared.txt...\n";
+    const std::string none = "No transfer necessary (file shared or local).\n";
+    const std::string end = "Finished transfer of file shared.txt.\n";
     const auto texts = jobLog->texts();
-    ASSERT_FALSE(texts.empty());
-    EXPECT_EQ(texts.front(), "Starting transfer of file shared.txt...\n");
-    EXPECT_EQ(texts.back(), "Finished transfer of file shared.txt.\n");
+    EXPECT_TRUE(texts.empty() || texts == std::vector<std::string>({start, end}) ||
+                texts == std::vector<std::string>({start, none, end}))
+        << ::testing::PrintToString(texts);
 }
 
 TEST(SendFileSocketPacketTest, CancelBeforeSendLetsTheCommandOutAndLeavesTheFile) {
