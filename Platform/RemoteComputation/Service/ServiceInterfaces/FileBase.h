@@ -36,7 +36,8 @@ public:
     // Ends a transfer from another thread: the running or next execute returns false promptly,
     // and so does the peer's, since the connection is shut down.
     void cancel();
-    // Safe during a transfer. noTransfer: the peer reads the sender's file itself.
+    // Safe during a transfer. totalSize stays 0 until the receiver has decided to take a copy;
+    // noTransfer: the peer reads the sender's file itself.
     void getProgress(bool& noTransfer, uint64_t& totalSize, uint64_t& doneSize) const;
     bool isCancelled() const { return m_cancelled.load(); }
 

@@ -32,6 +32,9 @@ private:
     bool run(const std::string& fileName, const std::string& directory, bool& copied);
     bool refuse(const std::string& reason);
     bool receiveFileData(int fileFd, uint64_t size);
+    // Moves the data from the socket into the file through a pipe, without a copy in user
+    // space. 1: done, 0: failed, -1: not possible here (nothing was taken from the socket).
+    int spliceFileData(int fileFd, uint64_t size);
 
     std::string m_senderPath;
     std::string m_senderLeafName;

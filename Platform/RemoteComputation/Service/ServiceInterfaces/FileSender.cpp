@@ -111,7 +111,6 @@ bool FileSender::run(const std::string& path, const std::string& fileId, bool& c
     }
 
     const uint64_t size = static_cast<uint64_t>(info.st_size);
-    setProgress(false, size, 0);
     const char status[5] = {'K', 'S', 'F', 'H', m_forceTransfer ? 'F' : 'S'};
     if (!writeAll(status, sizeof(status)) || !writeU64(size) || !writeText(leafOf(path)) ||
         !writeText(path) || !writeText(localHostAndUser()) || !writeText(fileId)) {
@@ -140,6 +139,8 @@ bool FileSender::run(const std::string& path, const std::string& fileId, bool& c
         shutdownSocket();
         return false;
     }
+    // The size is shown from here on: a file that needs no copy never shows a percentage.
+    setProgress(false, size, 0);
 
     if (!sendFileData(fileFd, size))
         return false;
