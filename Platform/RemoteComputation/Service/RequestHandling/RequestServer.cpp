@@ -164,6 +164,30 @@ void RequestServer::addTask(std::shared_ptr<Tasks::Task> task) {
     m_workerPool->addTask(std::move(task));
 }
 
+void RequestServer::addRequestPackage(std::shared_ptr<RequestPackage> package) {
+    auto request = package->getRequest();
+    {
+        boost::lock_guard<boost::mutex> lock(m_requestPackagesMutex);
+        m_requestPackages[request->getId()] = package;
+    }
+    KS_TRACE("Added " << request->getType() << " request " << request->getId());
+}
+
+void RequestServer::removeRequestPackage(std::shared_ptr<RequestPackage> package) {
+    auto request = package->getRequest();
+    {
+        boost::lock_guard<boost::mutex> lock(m_requestPackagesMutex);
+        m_requestPackages.erase(request->getId());
+    }
+    KS_TRACE("Removed " << request->getType() << " request " << request->getId());
+}
+
+std::shared_ptr<RequestPackage> RequestServer::getRequestPackage(const std::string& requestId) {
+    boost::lock_guard<boost::mutex> lock(m_requestPackagesMutex);
+    auto found = m_requestPackages.find(requestId);
+    return found == m_requestPackages.end() ? nullptr : found->second;
+}
+
 std::string RequestServer::getHostName() {
     return m_hostName;
 }
