@@ -175,6 +175,14 @@ struct Parts {
     FileName file;
 };
 
+// The block of an hdfs link, or null when the link is no memory file of bytes.
+void* memoryFileOf(const std::string& href, const std::string& dataPtrType) {
+    if (href.find(c_hdfsPrefix) == std::string::npos ||
+        (dataPtrType != c_bytePointer && dataPtrType != c_charPointer))
+        return nullptr;
+    return addressBehind(href, c_hdfsPrefix);
+}
+
 // The link now points to a file that a conversion wrote.
 void becomeFileLink(const std::string& linkId, const FileName& path, std::string& id,
                     std::string& dataPtrType, std::string& href, FileName* file) {
@@ -306,12 +314,8 @@ bool XLinkTranscoder::hdfsToDha(std::string& id, std::string& dataPtrType, std::
     if (href.empty() || dataSize == 0)
         return false;
     std::string linkId = id.empty() ? UniqueID::generateId() : id;
-    if (href.find(c_hdfsPrefix) == std::string::npos)
-        return false;
-    void* block = addressBehind(href, c_hdfsPrefix);
+    void* block = memoryFileOf(href, dataPtrType);
     if (!block)
-        return false;
-    if (dataPtrType != c_bytePointer && dataPtrType != c_charPointer)
         return false;
     int kind = XLinkTypeNames::kindOfShortName(dataType);
     int handle = 0;
@@ -412,12 +416,8 @@ bool XLinkTranscoder::hdfsToFile(std::string& id, std::string& dataPtrType, std:
     if (href.empty() || dataSize == 0)
         return false;
     std::string linkId = id.empty() ? UniqueID::generateId() : id;
-    if (href.find(c_hdfsPrefix) == std::string::npos)
-        return false;
-    void* block = addressBehind(href, c_hdfsPrefix);
+    void* block = memoryFileOf(href, dataPtrType);
     if (!block)
-        return false;
-    if (dataPtrType != c_bytePointer && dataPtrType != c_charPointer)
         return false;
     int handle = 0;
     if (KSHLopenMemoryFile(block, handle) <= 0)
