@@ -1,8 +1,31 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/HandleConnectionTask.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ArchAttachment.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/BinarySocketPacket.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/CallbackRequest.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/FileAttachment.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/FileTransferAliveThread.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/FileTransferProgressThread.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/HandleRequestTask.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/HdfsAttachment.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/HostAndUserId.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ReplyEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ReplyPackage.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/Request.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestHandler.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestPackage.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestServerErrorLogger.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/SocketPacket.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/UnsharedTmpDir.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/AbstractJobLog.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/FileReceiver.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/FileUtilities.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/UniqueID.h"
+
+#include <boost/algorithm/string/predicate.hpp>
 
 namespace Kestrane {
 
@@ -53,6 +76,18 @@ void HandleConnectionTask::readLoop() {
 HandleConnectionTask::Next
 HandleConnectionTask::dispatch(const std::shared_ptr<SocketPacket>& packet) {
     const std::string& type = packet->getType();
+    if (type == "RQ") {
+        handleRequestPacket(packet);
+        return Next::Continue;
+    }
+    if (type == "RP") {
+        handleReplyPacket(packet);
+        return Next::Continue;
+    }
+    if (type == "PR") {
+        handleProgressPacket(packet);
+        return Next::Continue;
+    }
     if (type == "C")
         return dispatchCommand(packet);
     KS_ERROR("Unknown packet type: " << type << " " << *packet->getData());
@@ -71,8 +106,227 @@ HandleConnectionTask::dispatchCommand(const std::shared_ptr<SocketPacket>& packe
         KS_TRACE("Connection from " << m_clientAddress << " closed by remote host.");
         return Next::Leave;
     }
+    if (data == "GET_HOST_AND_USER_ID") {
+        KS_TRACE("GET_HOST_AND_USER_ID packet received.");
+        SocketPacket::send("C", "HOST_AND_USER_ID " + HostAndUserId().toString(), *m_socket,
+                           m_clientAddress);
+        return Next::Continue;
+    }
+    using Handler = bool (HandleConnectionTask::*)(std::shared_ptr<SocketPacket>);
+    struct Row {
+        const char* prefix;
+        Handler handler;
+        const char* failure;
+    };
+    static const Row rows[] = {
+        {"FILE ", &HandleConnectionTask::handleFilePacket, "Error receiving file packet."},
+        {"HDFS ", &HandleConnectionTask::handleHdfsPacket, "Error receiving hdfs packet."},
+        {"ARCH ", &HandleConnectionTask::handleArchPacket, "Error receiving arch packet."},
+        {"FORWARD_CALLBACK ", &HandleConnectionTask::handleForwardCallbackPacket,
+         "Error receiving forward callback packet."},
+        {"REPLY_ID ", &HandleConnectionTask::handleReplyIdPacket, "Error receiving reply packet."},
+    };
+    for (const Row& row : rows) {
+        if (!boost::starts_with(data, row.prefix))
+            continue;
+        if ((this->*row.handler)(packet))
+            return Next::Continue;
+        KS_ERROR(row.failure);
+        return Next::Leave;
+    }
     KS_ERROR("Unknown command: " << packet->getType() << " " << data);
     return Next::Leave;
+}
+
+// ---- packages ----
+
+void HandleConnectionTask::handleRequestPacket(std::shared_ptr<SocketPacket> packet) {
+    KS_TRACE("Handling request packet...");
+    try {
+        const std::string serverIp = m_socket->getServerIPaddress();
+        const std::string clientIp = m_socket->getClientIPaddress();
+        RequestHandler* handler = m_requestServer->getRequestHandler();
+        auto package = RequestPackage::decode(*packet->getData(), *handler, &m_attachments,
+                                              clientIp, serverIp);
+        package->setRequestServer(m_requestServer);
+        auto request = package->getRequest();
+        request->setClientDescription(m_clientAddress);
+        m_requestServer->addRequestPackage(package);
+        for (const auto& path : m_tmpPaths)
+            request->addTmpPath(FileName(path));
+        // The connection goes on reading at once; it does not wait for the request.
+        m_requestServer->addTask(
+            std::make_shared<HandleRequestTask>(package, handler, m_requestServer));
+    } catch (const KsExceptionNested& e) {
+        refuseRequestPackage(e);
+    }
+}
+
+void HandleConnectionTask::refuseRequestPackage(const KsExceptionNested& reason) {
+    // No request id is known for a package that could not be read.
+    ReplyEncoder encoder("InvalidPackageReply", UniqueID::c_nullId);
+    encoder.addElement("errorMessage", "error decoding request package");
+    encoder.addKsException(reason);
+    const std::string xml = encoder.getEncodedReply("   ", "  ");
+    KS_DEBUG("Sending reply:\n" << xml);
+    SocketPacket::send("RP", xml, *m_socket, m_clientAddress);
+}
+
+void HandleConnectionTask::handleReplyPacket(std::shared_ptr<SocketPacket> packet) {
+    KS_TRACE("Handling reply packet...");
+    try {
+        auto package = ReplyPackage::decode(*packet->getData(), &m_attachments);
+        if (m_jobLog)
+            m_jobLog->logMessage("Finished retrieving results.\n\n", -1, true);
+        m_requestServer->getReplyHandler().handleReply(package);
+    } catch (const KsExceptionNested&) {
+        KS_ERROR("Error decoding replyPacket: " << *packet->getData());
+    }
+}
+
+void HandleConnectionTask::handleProgressPacket(std::shared_ptr<SocketPacket> packet) {
+    KS_TRACE("Handling progress packet...");
+    try {
+        auto package = ReplyPackage::decode(*packet->getData(), &m_attachments);
+        m_requestServer->getReplyHandler().handleProgress(package);
+    } catch (const KsExceptionNested&) {
+        KS_ERROR("Error decoding progress packet: " << *packet->getData());
+    }
+}
+
+// ---- commands ----
+
+bool HandleConnectionTask::handleReplyIdPacket(std::shared_ptr<SocketPacket> packet) {
+    KS_TRACE("Handling reply id...");
+    const std::string& data = *packet->getData();
+    if (data.size() != 59) {
+        KS_ERROR("Invalid reply id packet received: " << packet->getType() << " " << data);
+        return false;
+    }
+    const std::string requestId = data.substr(9);
+    ReplyHandler& replyHandler = m_requestServer->getReplyHandler();
+    m_jobLog = replyHandler.getReplyJobLog(requestId);
+    if (m_jobLog)
+        m_jobLog->logMessage("Retrieving results...\n", -1, true);
+    m_replyAttachmentPath = replyHandler.getReplyAttachmentPath(requestId);
+    if (!m_replyAttachmentPath.empty()) {
+        const std::string path = m_replyAttachmentPath.toNativeString();
+        const std::string fallback = "\nReply attachments for request " + requestId +
+                                     " will be stored in default location (*tmp/Reply_*).";
+        if (FileUtilities::exists(m_replyAttachmentPath, false)) {
+            if (FileUtilities::isDirectory(m_replyAttachmentPath)) {
+                KS_DEBUG("Reply attachments for request " << requestId << " will be stored in '"
+                                                          << m_replyAttachmentPath.toString()
+                                                          << "'.");
+                return true;
+            }
+            KS_ERROR("Reply attachment path '" << path << "' is not a directory!" << fallback);
+        } else {
+            KS_ERROR("Reply attachment path '" << path << "' does not exist!" << fallback);
+        }
+        m_replyAttachmentPath.clear();
+    }
+    KS_DEBUG("Reply attachments for request "
+             << requestId << " will be stored in default location (*tmp/Reply_*).");
+    return true;
+}
+
+bool HandleConnectionTask::handleFilePacket(std::shared_ptr<SocketPacket> packet) {
+    KS_TRACE("Handling file packet...");
+    const std::string& data = *packet->getData();
+    size_t pos = data.size() < 59 ? std::string::npos : data.find(' ', 5);
+    if (pos == std::string::npos || pos == 5) {
+        KS_ERROR("Invalid file attachment packet received: " << packet->getType() << " " << data);
+        return false;
+    }
+    const std::string tmpDirNameStr = data.substr(5, pos - 5);
+    // A directory word that leaves too little behind it throws std::out_of_range here.
+    const std::string fileId = data.substr(pos + 1, UniqueID::c_length);
+    const std::string originalFileNameStr = data.substr(pos + 52);
+    KS_TRACE("fileId = " << fileId);
+    KS_TRACE("tmpDirNameStr = " << tmpDirNameStr);
+    KS_TRACE("originalFileNameStr = " << originalFileNameStr);
+    FileName incomingFilesDir = !m_replyAttachmentPath.empty()
+                                    ? m_replyAttachmentPath
+                                    : UnsharedTmpDir(tmpDirNameStr).getPath();
+    const std::string directory = incomingFilesDir.toString();
+    KS_TRACE("incomingFilesDir = " << directory);
+    KS_TRACE("Receiving file " << originalFileNameStr << "...");
+
+    auto config = RequestServerConfiguration::getRegisteredInstance();
+    Computing::FileReceiver receiver(m_socket->getSocket(), config->getParallelFileTransfer(),
+                                     config->getFileCopyBlockSize());
+    std::unique_ptr<FileTransferThread> companion;
+    if (m_jobLog)
+        companion =
+            std::make_unique<FileTransferProgressThread>(*m_jobLog, originalFileNameStr, receiver);
+    else
+        companion = std::make_unique<FileTransferAliveThread>(receiver);
+    companion->start(true);
+    bool copied = false;
+    const bool received = receiver.execute(originalFileNameStr, directory, copied);
+    companion->cancel();
+    companion->finalize();
+    if (!received) {
+        const std::string message = "Error receiving file " + originalFileNameStr + " to " +
+                                    directory + ":\n" + receiver.getErrorMessage();
+        KS_ERROR(message);
+        if (auto* errorLogger = m_requestServer->getErrorLogger())
+            errorLogger->logError(message);
+        return false;
+    }
+    if (copied) {
+        FileName path = incomingFilesDir / originalFileNameStr;
+        KS_TRACE("File received (copied): " << path.toString());
+        m_attachments[fileId] = std::make_shared<FileAttachment>(data, path, true, false);
+    } else {
+        // The file stayed where it was: its path is the same on this side.
+        KS_TRACE("File received (not copied): " << originalFileNameStr);
+        m_attachments[fileId] =
+            std::make_shared<FileAttachment>(data, FileName(originalFileNameStr), false, false);
+        if (FileUtilities::isEmpty(incomingFilesDir)) {
+            KS_TRACE("Deleting dir for incoming files: " << directory);
+            FileUtilities::remove(incomingFilesDir);
+        }
+    }
+    return true;
+}
+
+template <typename BlockAttachment>
+bool HandleConnectionTask::receiveBlock(const SocketPacket& packet, const std::string& kind) {
+    KS_TRACE("Handling " << kind << " packet...");
+    const std::string& data = *packet.getData();
+    if (data.size() <= 58) {
+        KS_ERROR("Invalid " << kind << " attachment packet received: " << packet.getType() << " "
+                            << data);
+        return false;
+    }
+    const std::string id = data.substr(5, UniqueID::c_length);
+    const uint32_t size = SocketPacket::parseLength(data.substr(56));
+    auto block = BinarySocketPacket::receive(size, *m_socket, m_clientAddress);
+    m_attachments[id] = std::make_shared<BlockAttachment>(
+        id, reinterpret_cast<unsigned char*>(block->getData()), size);
+    return true;
+}
+
+bool HandleConnectionTask::handleHdfsPacket(std::shared_ptr<SocketPacket> packet) {
+    return receiveBlock<HdfsAttachment>(*packet, "hdfs");
+}
+
+bool HandleConnectionTask::handleArchPacket(std::shared_ptr<SocketPacket> packet) {
+    return receiveBlock<ArchAttachment>(*packet, "arch");
+}
+
+bool HandleConnectionTask::handleForwardCallbackPacket(std::shared_ptr<SocketPacket> packet) {
+    KS_TRACE("Handling forward callback packet...");
+    const std::string& data = *packet->getData();
+    if (data.size() < 18) {
+        KS_ERROR("Invalid forward callback packet received: " << packet->getType() << " " << data);
+        return false;
+    }
+    const bool sent = CallbackRequest::sendCallbackRequest(data.substr(17), "");
+    SocketPacket::send("C", sent ? "OK" : "ERROR", *m_socket, m_clientAddress);
+    return true;
 }
 
 } // namespace Kestrane

@@ -3,14 +3,21 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/Request.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestHandler.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestPackage.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/SendCachedReplyTask.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/SendFileSocketPacket.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ServerRequestHandler.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ServerRequestSchema.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/SocketPacket.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/TcpRequestClient.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/DeletePathThread.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
 
 #include <boost/chrono.hpp>
 
+#include <chrono>
 #include <sstream>
+#include <thread>
 
 namespace Kestrane {
 
@@ -64,6 +71,8 @@ RequestServer::RequestServer(int shutdownTimeout, unsigned int port, unsigned in
     auto config = RequestServerConfiguration::getRegisteredInstance();
     m_hostName = config->getLocalHost();
     m_requestHandler = RequestHandler::getDefaultRequestHandler();
+    m_requestHandler->addRequestHandler(std::make_shared<ServerRequestHandler>(this),
+                                        ServerRequestSchema());
     if (config->getAutoShutdown()) {
         m_serverTimeoutThread =
             new ServerTimeoutThread(this, shutdownTimeout >= 1 ? shutdownTimeout : 0);
@@ -207,6 +216,127 @@ std::string RequestServer::getIp() {
 
 uint16_t RequestServer::getPort() {
     return m_port;
+}
+
+bool RequestServer::sendSocketPackets(const std::string& requestId,
+                                      std::shared_ptr<SocketPackets> packets,
+                                      bool transferFileAttachments,
+                                      const std::vector<FileName>& tmpPaths) {
+    auto config = RequestServerConfiguration::getRegisteredInstance();
+    const unsigned int maxRetry = config->getSendReplyMaxRetry();
+    size_t current = 0;
+    auto package = getRequestPackage(requestId);
+    if (package) {
+        // Taken once: a reconnect during the attempts does not reach this loop.
+        const HostInfo host = package->getRemoteHost();
+        const std::string label = host.toString();
+        unsigned int attempt = 0;
+        while (attempt <= maxRetry && current < packets->size()) {
+            if (attempt > 0) {
+                const unsigned int delay = config->getSendReplyRetryDelay();
+                KS_INFO("Sending reply failed (" << attempt << "/" << maxRetry << "). Waiting "
+                                                 << delay << " seconds to retry...");
+                std::this_thread::sleep_for(std::chrono::milliseconds(delay * 1000));
+            }
+            ++attempt;
+            bool sendFailed = false;
+            Computing::ClientSocket socket;
+            try {
+                socket.connect(host.getIpOrName(), host.getRequestServerPort());
+            } catch (const Computing::Error& e) {
+                KS_DEBUG("SocketException while creating socket to " << label << ": " << e.what());
+                continue;
+            }
+            bool transfer = false;
+            try {
+                if (transferFileAttachments) {
+                    transfer = !TcpRequestClient::hasSameHostAndUserId(socket, label);
+                    KS_TRACE("transferFileAttachments = " << transfer);
+                }
+                for (; current < packets->size(); ++current) {
+                    auto& packet = (*packets)[current];
+                    if (auto file = std::dynamic_pointer_cast<SendFileSocketPacket>(packet)) {
+                        if (!transfer && !file->getForceTransfer())
+                            continue; // the peer reads the file where it is
+                        file->setForceTransfer(true);
+                    }
+                    if (!packet->send(socket, label)) {
+                        sendFailed = true;
+                        KS_WARN("Sending of packet '" << packet->toString() << "' failed!");
+                        break;
+                    }
+                }
+            } catch (const Computing::Error& e) {
+                KS_DEBUG("SocketException while sending reply: " << e.what());
+            }
+            try {
+                SocketPacket::send("C", "CLOSE_CONNECTION", socket, label);
+            } catch (const Computing::Error& e) {
+                KS_DEBUG("SocketException while closing connection: " << e.what());
+            }
+            if (!sendFailed) {
+                for (const auto& path : tmpPaths)
+                    DeletePathThread::deletePath(path, config->keepTempFiles());
+                return true;
+            }
+        }
+        if (attempt >= maxRetry)
+            KS_WARN("Max retry limit (" << maxRetry << ") reached!");
+    }
+    KS_INFO("Caching reply...");
+    cacheReply(requestId, *packets, current, transferFileAttachments);
+    KS_INFO("Reply for " << requestId << " not sent!");
+    return false;
+}
+
+void RequestServer::cacheReply(const std::string& requestId, const SocketPackets& packets,
+                               size_t current, bool transferFileAttachments) {
+    boost::lock_guard<boost::mutex> lock(m_replyCacheMutex);
+    auto& entry = m_replyCache[requestId];
+    if (!entry) {
+        entry = std::make_shared<SocketPackets>();
+        m_cacheTransferFileAttachments = transferFileAttachments;
+        KS_INFO("Cache for " << requestId << " created.");
+    }
+    for (; current < packets.size(); ++current) {
+        const auto& packet = packets[current];
+        if (!packet->cachePacket())
+            continue;
+        KS_DEBUG("Caching packet for request " << requestId << ": " << packet->toString());
+        entry->push_back(packet);
+    }
+}
+
+bool RequestServer::sendSocketPacket(const std::string& requestId,
+                                     std::shared_ptr<AbstractSocketPacket> packet) {
+    bool isFile = std::dynamic_pointer_cast<SendFileSocketPacket>(packet) != nullptr;
+    auto packets = std::make_shared<SocketPackets>(1, std::move(packet));
+    return sendSocketPackets(requestId, packets, isFile, {});
+}
+
+bool RequestServer::reconnectRequest(RequestPackage& newPackage,
+                                     const std::string& originalRequestId, int& /*retry*/,
+                                     bool sendCachedReplies) {
+    boost::lock_guard<boost::mutex> cacheLock(m_replyCacheMutex);
+    KS_DEBUG("Reconecting request " << originalRequestId << "...");
+    {
+        boost::lock_guard<boost::mutex> lock(m_requestPackagesMutex);
+        auto found = m_requestPackages.find(originalRequestId);
+        if (found != m_requestPackages.end()) {
+            KS_INFO("Setting new remote host for request "
+                    << originalRequestId << " to " << newPackage.getRemoteHost().toString());
+            found->second->setRemoteHost(newPackage.getRemoteHost());
+        }
+    }
+    auto cached = m_replyCache.find(originalRequestId);
+    if (sendCachedReplies && cached != m_replyCache.end()) {
+        auto task = std::make_shared<SendCachedReplyTask>(originalRequestId, cached->second,
+                                                          m_cacheTransferFileAttachments);
+        m_replyCache.erase(cached);
+        addTask(task);
+    }
+    KS_DEBUG("Request " << originalRequestId << " reconnected.");
+    return true;
 }
 
 bool RequestServer::ping(const std::string& host, unsigned int port) {

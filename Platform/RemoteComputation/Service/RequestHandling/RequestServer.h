@@ -1,6 +1,8 @@
 #pragma once
 
+#include "Platform/RemoteComputation/Service/RequestHandling/ReplyHandler.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/AbstractRequestServer.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/FileName.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/GenericJobId.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Socket.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Thread.h"
@@ -14,9 +16,11 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Kestrane {
 
+class AbstractSocketPacket;
 class RequestHandler;
 class RequestPackage;
 class RequestServerErrorLogger;
@@ -69,6 +73,19 @@ public:
     // Null when the id is not registered.
     std::shared_ptr<RequestPackage> getRequestPackage(const std::string& requestId);
     RequestHandler* getRequestHandler() const { return m_requestHandler; }
+    ReplyHandler& getReplyHandler() { return m_replyHandler; }
+
+    using SocketPackets = std::vector<std::shared_ptr<AbstractSocketPacket>>;
+    // Delivers a reply's packets on a new connection to the client's own server, with retries;
+    // what cannot be delivered waits in the reply cache. True when the delivery counts as done.
+    bool sendSocketPackets(const std::string& requestId, std::shared_ptr<SocketPackets> packets,
+                           bool transferFileAttachments, const std::vector<FileName>& tmpPaths);
+    bool sendSocketPacket(const std::string& requestId,
+                          std::shared_ptr<AbstractSocketPacket> packet);
+    // Points a running request's reply at the new package's client, and sends what is cached for
+    // it. Always true; `retry` is not used.
+    bool reconnectRequest(RequestPackage& newPackage, const std::string& originalRequestId,
+                          int& retry, bool sendCachedReplies);
     // The computation job that this process is; invalid by default.
     const GenericJobId& getJobId() const { return m_jobId; }
     void setJobId(const GenericJobId& jobId) { m_jobId = jobId; }
@@ -93,6 +110,8 @@ private:
     ~RequestServer() override;
     std::string describe() const;
     void shutdownAfterLoop();
+    void cacheReply(const std::string& requestId, const SocketPackets& packets, size_t current,
+                    bool transferFileAttachments);
 
     ServerTimeoutThread* m_serverTimeoutThread = nullptr;
     Computing::ListenSocket m_listenSocket;
@@ -111,6 +130,10 @@ private:
     GenericJobId m_jobId;
     std::string m_executableName;
     RequestServerErrorLogger* m_errorLogger = nullptr;
+    std::map<std::string, std::shared_ptr<SocketPackets>> m_replyCache;
+    bool m_cacheTransferFileAttachments = false;
+    boost::mutex m_replyCacheMutex;
+    ReplyHandler m_replyHandler;
 
     static bool s_error;
     static std::string s_errorMessage;
