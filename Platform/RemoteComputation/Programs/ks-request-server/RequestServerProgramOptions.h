@@ -15,6 +15,10 @@ struct RequestServerProgramOptions {
     // Number of ports to try from the first one on.
     std::optional<unsigned int> portRange;
     bool help = false;
+    // "-c CALLBACK": whom to tell the port once the server listens.
+    std::string callback;
+    // "-jobId ID": the computation job that this process is (as GenericJobId::toCmd writes it).
+    std::string jobId;
 
     // Throws std::invalid_argument with a message naming the option for anything it does not
     // understand.

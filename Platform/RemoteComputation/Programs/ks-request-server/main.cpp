@@ -2,9 +2,11 @@
 // it.
 #include "RequestServerProgramOptions.h"
 
+#include "Platform/RemoteComputation/Service/RequestHandling/CallbackRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/LivingProcess.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Publisher.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/GenericJobId.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/LoggingSettings.h"
@@ -84,6 +86,20 @@ int main(int argc, char** argv) {
     std::printf("PUBLISHER %d\n", Publisher::getInstance()->getPort());
     std::fflush(stdout);
     LivingProcess::alive("RequestServer running", "");
+    server->setExecutableName(argv[0]);
+    if (!options.jobId.empty()) {
+        std::string text = options.jobId, message;
+        server->setJobId(GenericJobId::fromString(text, message));
+    }
+    if (!options.callback.empty() && !CallbackRequest::sendCallbackRequest(options.callback, "")) {
+        KS_ERROR("Callback to " << options.callback << " failed; stopping.");
+        std::cerr << "ks-request-server: callback to " << options.callback << " failed\n";
+        server->stop();
+        server->waitForShutdown();
+        LivingProcess::shutdown();
+        Logging::flush();
+        return 1;
+    }
 
     std::thread(watchSignals, signals, server).detach();
     server->waitForShutdown();

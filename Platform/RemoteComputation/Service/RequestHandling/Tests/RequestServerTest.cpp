@@ -227,19 +227,6 @@ TEST(RequestServerTest, UnknownPacketTypeEndsOnlyItsConnection) {
     EXPECT_TRUE(RequestServer::ping("127.0.0.1", server->getPort()));
 }
 
-TEST(RequestServerTest, RowsOfLaterKindsAreUnknownForNow) {
-    LogCapture capture;
-    RequestServer* server = RequestServer::getInstance(-1, 0);
-    ASSERT_NE(server, nullptr);
-    for (std::string bytes : {"RQ 4 <a/>", "C 20 GET_HOST_AND_USER_ID"}) {
-        Client client(server->getPort());
-        client.raw(bytes);
-        EXPECT_EQ(client.readUntilClosed(), "");
-    }
-    EXPECT_TRUE(capture.waitFor("Unknown packet type: RQ <a/>", 2000ms));
-    EXPECT_TRUE(capture.waitFor("Unknown command: C GET_HOST_AND_USER_ID", 2000ms));
-}
-
 TEST(RequestServerTest, BadInputNeverKillsTheServer) {
     LogCapture capture;
     RequestServer* server = RequestServer::getInstance(-1, 0);
