@@ -38,7 +38,9 @@ HandleRequestTask::HandleRequestTask(std::shared_ptr<RequestPackage> package,
     auto request = requestPackage->getRequest();
     // Lives as long as the request: every log message of the request leaves the process.
     Publisher* publisher = Publisher::getInstance();
-    request->getLogSignal().connect(Signals::slot(publisher, &Publisher::publishLogMessage));
+    request->getLogSignal()
+        .connect(Signals::slot(publisher, &Publisher::publishLogMessage))
+        .releaseWithoutDisconnect();
     KS_DEBUG("Created HandleRequestTask for request with type = '"
              << request->getType() << "' and id = '" << request->getId() << "'.");
 }
