@@ -1,10 +1,15 @@
 // A real ks-request-server child and this process as its client: every request goes out on a
 // fresh connection and its reply comes back on a new connection to this process's own server.
 #include "Platform/RemoteComputation/Service/RequestHandling/KSData.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/Progress.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Publisher.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Reply.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ReplyEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ReplyPackage.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ReplyPackageEncoder.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestEncoder.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestHandlingException.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestPackageEncoder.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/SocketPacket.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/TcpRequestClient.h"
@@ -13,6 +18,7 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/FileUtilities.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/HostInfo.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LogMessage.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/UniqueID.h"
 #include "Platform/RemoteComputation/TestSupport/ServerProcess.h"
@@ -438,4 +444,145 @@ TEST_F(RoundTripTest, PoolSizeBoundsTheRequestsRunningAtOnce) {
         worker.join();
     EXPECT_EQ(ok.load(), 16);
     EXPECT_GE(std::chrono::steady_clock::now() - started, 800ms);
+}
+
+namespace {
+// A port on which nobody listens.
+int closedPort() {
+    Computing::ListenSocket listener(0, 1, 1);
+    return listener.getListenPort();
+}
+
+// Sends `request` as a package whose reply is to go to `replyPort` of this host, as a client
+// would that has gone away since.
+void sendForAbsentClient(int serverPort, const RequestEncoder& request, int replyPort) {
+    ASSERT_NE(RequestServer::getInstance(-1, 0), nullptr);
+    std::string package =
+        RequestPackageEncoder(request.getEncodedRequest(), UniqueID::generateId(), "")
+            .getEncodedRequestPackage();
+    const std::string ownPort =
+        "replyPort=\"" + std::to_string(RequestServer::getInstance(-1, 0)->getPort()) + "\"";
+    auto at = package.find(ownPort);
+    ASSERT_NE(at, std::string::npos) << package;
+    package.replace(at, ownPort.size(), "replyPort=\"" + std::to_string(replyPort) + "\"");
+    Computing::ClientSocket socket;
+    socket.connect("127.0.0.1", serverPort);
+    SocketPacket::send("RQ", package, socket, "test");
+    SocketPacket::send("C", "CLOSE_CONNECTION", socket, "test");
+}
+} // namespace
+
+TEST_F(RoundTripTest, ReplyForAnAbsentClientIsRetriedThenCached) {
+    startServer({{"KS_SEND_REPLY_MAX_RETRY", "2"},
+                 {"KS_SEND_REPLY_RETRY_DELAY", "0"},
+                 {"KS_LOG_LEVEL", "DEBUG"}});
+    RequestEncoder nop = testRequest("NOP");
+    sendForAbsentClient(m_server->port(), nop, closedPort());
+    const std::string cached = "Reply for " + nop.getId() + " not sent!";
+    // Then a reconnect for the finished request: the cached packets are sent again, find no
+    // registered request, and go back into the cache.
+    std::this_thread::sleep_for(500ms);
+    RequestEncoder reconnect("ReconnectRequest");
+    reconnect.addElement("originalRequestId", nop.getId(), "  ");
+    auto ack = run(reconnect);
+    ASSERT_NE(ack, nullptr);
+    EXPECT_EQ(ack->getType(), "AckReply");
+    EXPECT_EQ(ack->getElement("status"), "OK");
+    std::this_thread::sleep_for(1500ms);
+    m_server->process().kill(SIGTERM);
+    ASSERT_EQ(m_server->waitForExit(10s), 0);
+    const std::string log = m_server->standardError(2000ms);
+    auto count = [&](const std::string& text) {
+        size_t n = 0;
+        for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+            ++n;
+        return n;
+    };
+    EXPECT_EQ(count("Sending reply failed (1/2). Waiting 0 seconds to retry..."), 1u) << log;
+    EXPECT_EQ(count("Sending reply failed (2/2). Waiting 0 seconds to retry..."), 1u);
+    EXPECT_EQ(count("Max retry limit (2) reached!"), 1u);
+    EXPECT_EQ(count(cached), 2u);
+    EXPECT_EQ(count("Cache for " + nop.getId() + " created."), 2u);
+    EXPECT_EQ(count("Sending cached replies for request " + nop.getId() + "..."), 1u);
+}
+
+TEST_F(RoundTripTest, ReconnectWhileTheRequestRunsBringsTheReplyHere) {
+    startServer({{"KS_SEND_REPLY_MAX_RETRY", "0"}});
+    RequestEncoder wait = testRequest("WAIT", "1500");
+    sendForAbsentClient(m_server->port(), wait, closedPort());
+    std::this_thread::sleep_for(200ms);
+    auto tcp = client();
+    auto reply = tcp->reconnectRequest(wait.getId(), nullptr, nullptr, nullptr, 0, FileName());
+    ASSERT_NE(reply, nullptr);
+    EXPECT_EQ(reply->getType(), "TestReply");
+    EXPECT_EQ(reply->getRequestId(), wait.getId());
+    EXPECT_EQ(reply->getElement("data"), "OK");
+}
+
+namespace {
+class RecordingProgress : public Progress {
+public:
+    bool handleLogMessage(const LogMessage& message) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_texts.push_back(message.text());
+        return true;
+    }
+    std::vector<std::string> texts() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_texts;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::string> m_texts;
+};
+
+// One package on a connection of its own to this process's server, as a server delivers it.
+void deliver(const std::string& type, const std::string& requestId, const std::string& reply,
+             int serial) {
+    Computing::ClientSocket socket;
+    socket.connect("127.0.0.1", RequestServer::getInstance(-1, 0)->getPort());
+    SocketPacket::send("C", "REPLY_ID " + requestId, socket, "test");
+    SocketPacket::send(type, ReplyPackageEncoder(reply, serial).getEncodedReplyPackage(), socket,
+                       "test");
+    SocketPacket::send("C", "CLOSE_CONNECTION", socket, "test");
+}
+
+std::string progressUpdate(const std::string& requestId, const std::string& text) {
+    ReplyEncoder encoder("ProgressUpdate", requestId);
+    encoder.addText("<requestLogMessage messageType=\"INFO\" messageGroup=\"g\" "
+                    "timestamp=\"17\">" +
+                    text + "</requestLogMessage>");
+    return encoder.getEncodedReply("   ", "  ");
+}
+} // namespace
+
+TEST(RoundTripOrderTest, PackagesTakeEffectInTheOrderOfTheirSerials) {
+    RequestServer* server = RequestServer::getInstance(-1, 0);
+    ASSERT_NE(server, nullptr);
+    const std::string id = UniqueID::generateId();
+    auto progress = std::make_shared<RecordingProgress>();
+    std::shared_ptr<ReplyPackage> package;
+    std::thread waiter([&] {
+        package = server->getReplyHandler().receiveReply(id, nullptr, progress, nullptr, -1, false,
+                                                         0, FileName());
+    });
+    while (server->getReplyHandler().getPendingRepliesCount() == 0)
+        std::this_thread::sleep_for(5ms);
+    ReplyEncoder final("TestReply", id);
+    final.addElement("data", "OK");
+    // Last first: each waits for the ones before it, though all arrive on their own connections.
+    std::thread third([&] { deliver("RP", id, final.getEncodedReply("   ", "  "), 2); });
+    std::this_thread::sleep_for(150ms);
+    std::thread second([&] { deliver("PR", id, progressUpdate(id, "second"), 1); });
+    std::this_thread::sleep_for(150ms);
+    EXPECT_TRUE(progress->texts().empty());
+    deliver("PR", id, progressUpdate(id, "first"), 0);
+    waiter.join();
+    second.join();
+    third.join();
+    ASSERT_NE(package, nullptr);
+    EXPECT_EQ(package->getReply()->getElement("data"), "OK");
+    EXPECT_EQ(package->getSerial(), 2u);
+    EXPECT_EQ(progress->texts(), (std::vector<std::string>{"first", "second"}));
 }
