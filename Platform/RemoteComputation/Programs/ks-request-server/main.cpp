@@ -80,17 +80,18 @@ int main(int argc, char** argv) {
         std::cerr << "ks-request-server: " << RequestServer::getErrorMessage() << "\n";
         return 1;
     }
+    // Set before the port is announced, so that no status query sees the server without them.
+    server->setExecutableName(argv[0]);
+    if (!options.jobId.empty()) {
+        std::string text = options.jobId, message;
+        server->setJobId(GenericJobId::fromString(text, message));
+    }
     std::printf("PORT %u\n", static_cast<unsigned int>(server->getPort()));
     std::fflush(stdout);
     // Heartbeat from the start, so that watchers can tell a busy server from a lost one.
     std::printf("PUBLISHER %d\n", Publisher::getInstance()->getPort());
     std::fflush(stdout);
     LivingProcess::alive("RequestServer running", "");
-    server->setExecutableName(argv[0]);
-    if (!options.jobId.empty()) {
-        std::string text = options.jobId, message;
-        server->setJobId(GenericJobId::fromString(text, message));
-    }
     if (!options.callback.empty() && !CallbackRequest::sendCallbackRequest(options.callback, "")) {
         KS_ERROR("Callback to " << options.callback << " failed; stopping.");
         std::cerr << "ks-request-server: callback to " << options.callback << " failed\n";
