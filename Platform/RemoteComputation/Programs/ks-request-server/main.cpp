@@ -5,7 +5,9 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/CallbackRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/LivingProcess.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Publisher.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestHandler.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ServerRequestSchema.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/GenericJobId.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
@@ -70,15 +72,30 @@ int main(int argc, char** argv) {
     }
 
     RequestServer* server = nullptr;
+    std::string startError;
     try {
         server = startServer(options);
+        if (!server)
+            startError = RequestServer::getErrorMessage();
     } catch (const std::exception& e) {
-        std::cerr << "ks-request-server: " << e.what() << "\n";
-        return 1;
+        startError = e.what();
     }
     if (!server) {
-        std::cerr << "ks-request-server: " << RequestServer::getErrorMessage() << "\n";
+        std::cerr << "ks-request-server: " << startError << "\n";
+        // The starter would otherwise wait for its whole callback time-out. Without a server
+        // the callback's schema type is not known yet: the server registers it.
+        if (!options.callback.empty()) {
+            RequestHandler::getDefaultRequestHandler()->addRequestSchema(ServerRequestSchema());
+            CallbackRequest::sendCallbackRequest(options.callback, startError);
+        }
+        Logging::flush();
         return 1;
+    }
+    // Set before the port is announced, so that no status query sees the server without them.
+    server->setExecutableName(argv[0]);
+    if (!options.jobId.empty()) {
+        std::string text = options.jobId, message;
+        server->setJobId(GenericJobId::fromString(text, message));
     }
     std::printf("PORT %u\n", static_cast<unsigned int>(server->getPort()));
     std::fflush(stdout);
@@ -86,11 +103,6 @@ int main(int argc, char** argv) {
     std::printf("PUBLISHER %d\n", Publisher::getInstance()->getPort());
     std::fflush(stdout);
     LivingProcess::alive("RequestServer running", "");
-    server->setExecutableName(argv[0]);
-    if (!options.jobId.empty()) {
-        std::string text = options.jobId, message;
-        server->setJobId(GenericJobId::fromString(text, message));
-    }
     if (!options.callback.empty() && !CallbackRequest::sendCallbackRequest(options.callback, "")) {
         KS_ERROR("Callback to " << options.callback << " failed; stopping.");
         std::cerr << "ks-request-server: callback to " << options.callback << " failed\n";

@@ -18,6 +18,13 @@ public:
     // Empty when the element is absent.
     const std::string& getErrorMessage() const { return m_errorMessage; }
 
+    // The queue manager's side: starts (or with `cancelJob` cancels) the job waiting on the
+    // request server at host:port. A start returns only once the job has ended; a cancel does not
+    // wait for a reply. Failures come back as false and a log line.
+    static bool sendStartQueuedJobRequest(const std::string& host, unsigned int port,
+                                          const std::string& jobId, bool cancelJob,
+                                          const std::string& errorMessage);
+
 private:
     std::string m_jobId;
     bool m_cancelJob = false;

@@ -44,3 +44,30 @@ TEST(RequestServerProgramOptionsTest, MalformedCommandLinesAreRejectedWithClearT
     EXPECT_EQ(message({"4000"}), "Unknown option '4000'");
     EXPECT_EQ(message({""}), "Unknown option ''");
 }
+
+TEST(RequestServerProgramOptionsTest, CallbackAndJobId) {
+    const std::string job = "0123456789ABCDEF-0123456789ABCDEF-0123456789ABCDEF.nightly";
+    auto options =
+        RequestServerProgramOptions::parse({"-c", "waiter:4000:3", "-jobId", job, "--port", "5"});
+    EXPECT_EQ(options.callback, "waiter:4000:3");
+    EXPECT_EQ(options.jobId, job);
+    EXPECT_EQ(options.port, 5u);
+    EXPECT_EQ(RequestServerProgramOptions::parse({"--callback", "a:1:2"}).callback, "a:1:2");
+    EXPECT_EQ(RequestServerProgramOptions::parse({}).callback, "");
+    EXPECT_EQ(RequestServerProgramOptions::parse({}).jobId, "");
+}
+
+TEST(RequestServerProgramOptionsTest, CallbackAndJobIdNeedValidValues) {
+    auto message = [](std::vector<std::string> args) {
+        try {
+            RequestServerProgramOptions::parse(args);
+        } catch (const std::invalid_argument& e) {
+            return std::string(e.what());
+        }
+        return std::string("accepted");
+    };
+    EXPECT_EQ(message({"-c"}), "Missing value for option -c");
+    EXPECT_EQ(message({"-jobId"}), "Missing value for option -jobId");
+    EXPECT_EQ(message({"-jobId", "not-an-id"}).rfind("Invalid job id 'not-an-id': ", 0), 0u)
+        << message({"-jobId", "not-an-id"});
+}

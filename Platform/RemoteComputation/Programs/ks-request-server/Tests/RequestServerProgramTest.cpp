@@ -1,6 +1,8 @@
 #include "Platform/RemoteComputation/TestSupport/ServerProcess.h"
 
+#include "Platform/RemoteComputation/Service/RequestHandling/CallbackRequestHandler.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Socket.h"
 
 #include <gtest/gtest.h>
@@ -164,4 +166,72 @@ TEST(RequestServerProgramTest, SixtyFourParallelClients) {
     EXPECT_EQ(ok.load(), 64);
     server.process().kill(SIGTERM);
     EXPECT_EQ(server.waitForExit(5000ms), 0);
+}
+
+TEST(RequestServerProgramTest, CallbackTellsTheWaiterThePort) {
+    RequestServer* own = RequestServer::getInstance(-1, 0);
+    ASSERT_NE(own, nullptr);
+    RequestServerConfiguration::getRegisteredInstance()->setValue("callbackTimeout", "20");
+    const std::string id = CallbackRequestHandler::createCallbackId();
+    ServerProcess server({"-c", "localhost:" + std::to_string(own->getPort()) + ":" + id});
+    ASSERT_TRUE(server.start());
+    std::string error;
+    const unsigned int port = CallbackRequestHandler::waitForCallback(id, error);
+    EXPECT_EQ(error, "");
+    ASSERT_GT(server.port(), 0);
+    EXPECT_EQ(port, static_cast<unsigned int>(server.port()));
+    // It goes on serving after the callback.
+    EXPECT_TRUE(RequestServer::ping("127.0.0.1", port));
+    server.process().kill(SIGTERM);
+    EXPECT_EQ(server.waitForExit(5000ms), 0);
+}
+
+TEST(RequestServerProgramTest, CallbackToNobodyEndsWithExitCodeOne) {
+    int closed = 0;
+    {
+        Computing::ListenSocket listener(0, 1, 1);
+        closed = listener.getListenPort();
+    }
+    const std::string callback = "localhost:" + std::to_string(closed) + ":1";
+    ServerProcess server({"-c", callback});
+    ASSERT_TRUE(server.start());
+    EXPECT_GT(server.port(), 0);
+    EXPECT_EQ(server.waitForExit(10000ms), 1);
+    std::string errors = server.standardError();
+    EXPECT_NE(errors.find("ks-request-server: callback to " + callback + " failed"),
+              std::string::npos)
+        << errors;
+    EXPECT_NE(errors.find("Callback to " + callback + " failed; stopping."), std::string::npos)
+        << errors;
+}
+
+TEST(RequestServerProgramTest, MalformedCallbackEndsWithExitCodeOne) {
+    ServerProcess server({"-c", "justahost"});
+    ASSERT_TRUE(server.start());
+    EXPECT_EQ(server.waitForExit(10000ms), 1);
+    std::string errors = server.standardError();
+    EXPECT_NE(errors.find("Invalid callback string (first ':' not found): \"justahost\""),
+              std::string::npos)
+        << errors;
+    EXPECT_NE(errors.find("ks-request-server: callback to justahost failed"), std::string::npos)
+        << errors;
+}
+
+TEST(RequestServerProgramTest, FailedStartIsReportedToTheWaiter) {
+    RequestServer* own = RequestServer::getInstance(-1, 0);
+    ASSERT_NE(own, nullptr);
+    RequestServerConfiguration::getRegisteredInstance()->setValue("callbackTimeout", "20");
+    Computing::ListenSocket taken(0, 1, 4);
+    const std::string id = CallbackRequestHandler::createCallbackId();
+    ServerProcess server({"--port", std::to_string(taken.getListenPort()), "-c",
+                          "localhost:" + std::to_string(own->getPort()) + ":" + id});
+    ASSERT_TRUE(server.start());
+    const auto start = std::chrono::steady_clock::now();
+    std::string error;
+    EXPECT_EQ(CallbackRequestHandler::waitForCallback(id, error), 0u);
+    // The error callback ends the wait long before its time-out.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    EXPECT_EQ(error.rfind("Exception while creating RequestServer: ", 0), 0u) << error;
+    EXPECT_NE(error.find("Address already in use"), std::string::npos) << error;
+    EXPECT_EQ(server.waitForExit(5000ms), 1);
 }
