@@ -72,6 +72,13 @@ protected:
         task.execute();
         return caught.get();
     }
+    size_t linesStartingWith(LogLevel level, const std::string& prefix) const {
+        size_t count = 0;
+        for (const auto& line : m_capture.messages(level))
+            if (line.rfind(prefix, 0) == 0)
+                ++count;
+        return count;
+    }
     std::string file(const std::string& name, const std::string& content) {
         fs::path path = m_dir / name;
         std::ofstream(path, std::ios::binary) << content;
@@ -324,6 +331,74 @@ TEST_F(HandleRequestTaskTest, FailureWhilePreparingKeepsReplyIdAndSendsException
     for (const auto& line : m_capture.messages(LogLevel::Warn))
         warned = warned || line.rfind("KsExceptionNested while preparing reply: ", 0) == 0;
     EXPECT_TRUE(warned);
+}
+
+TEST_F(HandleRequestTaskTest, StdExceptionWhilePreparingSendsExceptionReply) {
+    const std::string id = UniqueID::generateId();
+    m_handler->setScript([](Request& request) {
+        // A block size that is no number.
+        return std::make_shared<std::string>(
+            linkReply(request.getId(),
+                      dataElement(UniqueID::generateId(), "hdfs://#1234", " dataSize=\"many\"")));
+    });
+    auto running = task(registered(id, m_catcher.port()));
+    Conversation conversation = executeAndCatch(*running, HostAndUserId().toString());
+    auto texts = conversation.texts();
+    ASSERT_EQ(texts.size(), 3u);
+    EXPECT_EQ(texts[0], "C REPLY_ID " + id);
+    EXPECT_EQ(decodeReplyPackage(conversation.packets[1])->getReply()->getType(), "ExceptionReply");
+    EXPECT_TRUE(m_capture.contains(LogLevel::Warn,
+                                   "std::exception while preparing reply: bad lexical cast: source "
+                                   "type value could not be interpreted as target"));
+}
+
+TEST_F(HandleRequestTaskTest, KsExceptionWhileSendingIsLoggedAndGoesNoFurther) {
+    const std::string id = UniqueID::generateId();
+    const std::string source = file("result.dat", "computed");
+    m_handler->setScript([&](Request& request) {
+        return std::make_shared<std::string>(
+            linkReply(request.getId(), dataElement(UniqueID::generateId(), "file:///" + source)));
+    });
+    auto running = task(registered(id, m_catcher.port()));
+    // The client's answer to the identity question is no identity.
+    Conversation conversation = executeAndCatch(*running, "no-identity");
+    ASSERT_GE(conversation.packets.size(), 1u);
+    EXPECT_EQ(conversation.texts()[0], "C GET_HOST_AND_USER_ID");
+    EXPECT_TRUE(m_capture.contains(
+        LogLevel::Error,
+        "Unexpected reply to GET_HOST_AND_USER_ID: C HOST_AND_USER_ID no-identity"));
+    const std::string prefix = "KsExceptionNested while sending reply: ";
+    bool warned = false;
+    for (const auto& line : m_capture.messages(LogLevel::Warn))
+        warned = warned ||
+                 (line.rfind(prefix, 0) == 0 &&
+                  line.find("Error sending request: unexpected reply to GET_HOST_AND_USER_ID!") !=
+                      std::string::npos);
+    EXPECT_TRUE(warned);
+    // The exception ended the delivery: nothing was cached, and the request is done.
+    EXPECT_FALSE(m_capture.containsSubstring("Caching reply"));
+    EXPECT_EQ(m_server->getRequestPackage(id), nullptr);
+}
+
+TEST_F(HandleRequestTaskTest, ClientHangingUpOnTheIdentityQuestionEndsTheDelivery) {
+    const std::string id = UniqueID::generateId();
+    const std::string source = file("result.dat", "computed");
+    m_handler->setScript([&](Request& request) {
+        return std::make_shared<std::string>(
+            linkReply(request.getId(), dataElement(UniqueID::generateId(), "file:///" + source)));
+    });
+    auto running = task(registered(id, m_catcher.port()));
+    auto peer = std::async(std::launch::async, [&] {
+        auto socket = m_catcher.accept(10s);
+        return socket ? *SocketPacket::receive(*socket, "catcher")->getData() : std::string();
+    });
+    running->execute();
+    EXPECT_EQ(peer.get(), "GET_HOST_AND_USER_ID");
+    EXPECT_TRUE(
+        m_capture.contains(LogLevel::Error, "Unexpected reply to GET_HOST_AND_USER_ID: NULL"));
+    EXPECT_EQ(linesStartingWith(LogLevel::Warn, "KsExceptionNested while sending reply: "), 1u);
+    EXPECT_FALSE(m_capture.containsSubstring("Caching reply"));
+    EXPECT_EQ(m_server->getRequestPackage(id), nullptr);
 }
 
 TEST_F(HandleRequestTaskTest, FailedProgressUpdateLeavesTheNextWithTheSameSerial) {
