@@ -22,10 +22,14 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/FileUtilities.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/PathConfiguration.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/UniqueID.h"
 
 #include <boost/algorithm/string/predicate.hpp>
+
+#include <filesystem>
+#include <system_error>
 
 namespace Kestrane {
 
@@ -34,6 +38,22 @@ Logging s_logging(__FILE__);
 
 std::string clientAddressOf(const std::shared_ptr<Computing::ServerSocket>& socket) {
     return socket ? socket->getClientIPaddress() : std::string();
+}
+
+// Takes away a directory made for a reception that left nothing in it.
+void removeIfUnused(const FileName& incomingFilesDir) {
+    // A new directory holds the identity file of its owner from the start; beside that it must
+    // be empty.
+    std::error_code error;
+    for (const auto& entry :
+         std::filesystem::directory_iterator(incomingFilesDir.toNativeString(), error)) {
+        if (entry.path().filename().string() != HostAndUserId::c_fileName)
+            return;
+    }
+    if (error)
+        return;
+    KS_TRACE("Deleting dir for incoming files: " << incomingFilesDir.toString());
+    FileUtilities::remove(incomingFilesDir);
 }
 } // namespace
 
@@ -246,9 +266,18 @@ bool HandleConnectionTask::handleFilePacket(std::shared_ptr<SocketPacket> packet
     KS_TRACE("fileId = " << fileId);
     KS_TRACE("tmpDirNameStr = " << tmpDirNameStr);
     KS_TRACE("originalFileNameStr = " << originalFileNameStr);
-    FileName incomingFilesDir = !m_replyAttachmentPath.empty()
-                                    ? m_replyAttachmentPath
-                                    : UnsharedTmpDir(tmpDirNameStr).getPath();
+    FileName incomingFilesDir;
+    // Only a directory that this reception made may be taken away again; a reply attachment
+    // directory belongs to the caller, and an existing one may serve other transfers.
+    bool dirMadeForIt = false;
+    if (!m_replyAttachmentPath.empty()) {
+        incomingFilesDir = m_replyAttachmentPath;
+    } else {
+        const FileName plainDir = PathConfiguration::getKsPathTmp() / tmpDirNameStr;
+        const bool existed = FileUtilities::exists(plainDir, false);
+        incomingFilesDir = UnsharedTmpDir(tmpDirNameStr).getPath();
+        dirMadeForIt = !existed && incomingFilesDir == plainDir;
+    }
     const std::string directory = incomingFilesDir.toString();
     KS_TRACE("incomingFilesDir = " << directory);
     KS_TRACE("Receiving file " << originalFileNameStr << "...");
@@ -273,6 +302,8 @@ bool HandleConnectionTask::handleFilePacket(std::shared_ptr<SocketPacket> packet
         KS_ERROR(message);
         if (auto* errorLogger = m_requestServer->getErrorLogger())
             errorLogger->logError(message);
+        if (dirMadeForIt)
+            removeIfUnused(incomingFilesDir);
         return false;
     }
     if (copied) {
@@ -280,14 +311,15 @@ bool HandleConnectionTask::handleFilePacket(std::shared_ptr<SocketPacket> packet
         KS_TRACE("File received (copied): " << path.toString());
         m_attachments[fileId] = std::make_shared<FileAttachment>(data, path, true, false);
     } else {
-        // The file stayed where it was: its path is the same on this side.
-        KS_TRACE("File received (not copied): " << originalFileNameStr);
+        // The file stayed where it was, and this side reads it there: the command carries only
+        // the leaf name, the receiver knows the sender's path.
+        const std::string path =
+            receiver.getSenderPath().empty() ? originalFileNameStr : receiver.getSenderPath();
+        KS_TRACE("File received (not copied): " << path);
         m_attachments[fileId] =
-            std::make_shared<FileAttachment>(data, FileName(originalFileNameStr), false, false);
-        if (FileUtilities::isEmpty(incomingFilesDir)) {
-            KS_TRACE("Deleting dir for incoming files: " << directory);
-            FileUtilities::remove(incomingFilesDir);
-        }
+            std::make_shared<FileAttachment>(data, FileName(path), false, false);
+        if (dirMadeForIt)
+            removeIfUnused(incomingFilesDir);
     }
     return true;
 }

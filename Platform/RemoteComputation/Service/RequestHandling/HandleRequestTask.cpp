@@ -38,9 +38,10 @@ HandleRequestTask::HandleRequestTask(std::shared_ptr<RequestPackage> package,
     auto request = requestPackage->getRequest();
     // Lives as long as the request: every log message of the request leaves the process.
     Publisher* publisher = Publisher::getInstance();
-    request->getLogSignal()
-        .connect(Signals::slot(publisher, &Publisher::publishLogMessage))
-        .releaseWithoutDisconnect();
+    Signals::Connection connection =
+        request->getLogSignal().connect(Signals::slot(publisher, &Publisher::publishLogMessage));
+    // A Connection disconnects when it goes; this one must stay for the life of the request.
+    connection.releaseWithoutDisconnect();
     KS_DEBUG("Created HandleRequestTask for request with type = '"
              << request->getType() << "' and id = '" << request->getId() << "'.");
 }

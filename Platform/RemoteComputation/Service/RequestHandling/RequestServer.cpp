@@ -236,7 +236,8 @@ bool RequestServer::sendSocketPackets(const std::string& requestId,
                 const unsigned int delay = config->getSendReplyRetryDelay();
                 KS_INFO("Sending reply failed (" << attempt << "/" << maxRetry << "). Waiting "
                                                  << delay << " seconds to retry...");
-                std::this_thread::sleep_for(std::chrono::milliseconds(delay * 1000));
+                // In seconds: a large setting must not wrap around in milliseconds.
+                std::this_thread::sleep_for(std::chrono::seconds(delay));
             }
             ++attempt;
             bool sendFailed = false;
