@@ -1,0 +1,414 @@
+// NOP round trips between two processes: this process as client, with its own RequestServer for
+// the replies, and a ks-request-server child as server, through TcpRequestClient::handleRequest.
+// Against the same exchange on plain sockets (RawRoundTrip.h) with a raw server child (this
+// binary re-executed), with request and reply packages of the sizes that the library puts on the
+// wire. Sequential (latency, median per round trip) and from 8 client threads at once
+// (throughput, round trips per second). Each run also counts the CPU time that the client and
+// the server process spent per round trip.
+//
+// The BM_Part_ runs take the library's round trip apart: the connection with its ping, the
+// heartbeat watch of a wait, and the encoding and decoding of the packages, each alone.
+//
+// Run: bin/RoundTripBench (from the build directory). The summary at the end compares.
+#include "BenchPeers.h"
+#include "RawRoundTrip.h"
+
+#include "Platform/RemoteComputation/Service/RequestHandling/Attachment.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/LivingProcessWatcher.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/Reply.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ReplyEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ReplyPackage.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ReplyPackageEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/Request.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestHandler.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestPackage.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestPackageEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/TcpRequestClient.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/HostInfo.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
+
+#include <benchmark/benchmark.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+using namespace Kestrane;
+using namespace BenchPeers;
+
+namespace {
+
+constexpr int c_threads = 8;
+constexpr int c_repetitions = 3;
+constexpr int c_sequential = 500; // per repetition
+constexpr int c_perThread = 100;  // per thread and repetition
+constexpr int c_cpuOnly = 3000;
+
+struct Peers {
+    std::unique_ptr<Child> server;
+    int publisherPort = -1;
+    std::unique_ptr<Child> rawServer;
+    std::unique_ptr<RawReplyListener> rawListener;
+    // Payloads of the "RQ" and "RP" packets of a NOP, as they went over the wire.
+    std::string requestPackage;
+    std::string replyPackage;
+};
+Peers* s_peers = nullptr;
+
+// With `watchHeartbeat` the client knows the server's publisher port, as a client does that got
+// its host by a callback: every wait for a reply then watches the server's heartbeat.
+HostInfo serverHost(bool watchHeartbeat) {
+    HostInfo host("127.0.0.1", "localhost");
+    host.setRequestServerPort(s_peers->server->port());
+    if (watchHeartbeat)
+        host.setPublisherPort(s_peers->publisherPort);
+    return host;
+}
+
+RequestEncoder nopRequest() {
+    RequestEncoder request("TestRequest");
+    request.addElement("command", "NOP", "  ");
+    return request;
+}
+
+bool libraryNop(TcpRequestClient& client) {
+    auto reply = client.handleRequest(nopRequest(), nullptr, "");
+    return reply && reply->getType() == "TestReply" && reply->getElement("data") == "OK";
+}
+
+void capturePackages() {
+    LogCapture capture;
+    TcpRequestClient client("calibration", serverHost(false));
+    if (!libraryNop(client))
+        throw std::runtime_error("calibration NOP failed");
+    s_peers->requestPackage = loggedPayload(capture, "SEND", "RQ");
+    s_peers->replyPackage = loggedPayload(capture, "RECV", "RP");
+    if (s_peers->requestPackage.empty() || s_peers->replyPackage.empty())
+        throw std::runtime_error("packages not found in the log");
+    std::printf("NOP request package %zu bytes, reply package %zu bytes on the wire\n",
+                s_peers->requestPackage.size(), s_peers->replyPackage.size());
+}
+
+void rawNop() {
+    rawRoundTrip(s_peers->rawServer->port(), *s_peers->rawListener, s_peers->requestPackage.size(),
+                 s_peers->replyPackage.size(), 0);
+}
+
+// ---- sequential: latency ----
+
+void BM_NopLatency_Raw(benchmark::State& state) {
+    Latencies latencies(c_sequential);
+    CpuPerItem cpu(s_peers->rawServer->pid());
+    for (auto _ : state)
+        latencies.time(rawNop);
+    cpu.report(state, static_cast<double>(state.iterations()));
+    latencies.report(state);
+    state.SetItemsProcessed(state.iterations());
+}
+
+void libraryLatency(benchmark::State& state, bool watchHeartbeat) {
+    TcpRequestClient client("bench", serverHost(watchHeartbeat));
+    Latencies latencies(c_sequential);
+    CpuPerItem cpu(s_peers->server->pid());
+    for (auto _ : state) {
+        bool ok = true;
+        latencies.time([&] { ok = libraryNop(client); });
+        if (!ok) {
+            state.SkipWithError("NOP failed");
+            break;
+        }
+    }
+    cpu.report(state, static_cast<double>(state.iterations()));
+    latencies.report(state);
+    state.SetItemsProcessed(state.iterations());
+}
+void BM_NopLatency_Library(benchmark::State& state) {
+    libraryLatency(state, true);
+}
+void BM_NopLatency_LibraryNoHeartbeatWatch(benchmark::State& state) {
+    libraryLatency(state, false);
+}
+
+// ---- 8 threads: throughput ----
+
+// The CPU counters of a run with threads: taken by the first thread around its loop, which all
+// threads enter and leave together.
+void BM_NopThroughput8_Raw(benchmark::State& state) {
+    std::optional<CpuPerItem> cpu;
+    if (state.thread_index() == 0)
+        cpu.emplace(s_peers->rawServer->pid());
+    for (auto _ : state)
+        rawNop();
+    if (cpu)
+        cpu->report(state, static_cast<double>(state.iterations() * state.threads()));
+    state.SetItemsProcessed(state.iterations());
+}
+
+// One client per thread, as independent callers would have.
+void libraryThroughput(benchmark::State& state, bool watchHeartbeat) {
+    TcpRequestClient client("bench" + std::to_string(state.thread_index()),
+                            serverHost(watchHeartbeat));
+    std::optional<CpuPerItem> cpu;
+    if (state.thread_index() == 0)
+        cpu.emplace(s_peers->server->pid());
+    for (auto _ : state) {
+        if (!libraryNop(client)) {
+            state.SkipWithError("NOP failed");
+            break;
+        }
+    }
+    if (cpu)
+        cpu->report(state, static_cast<double>(state.iterations() * state.threads()));
+    state.SetItemsProcessed(state.iterations());
+}
+void BM_NopThroughput8_Library(benchmark::State& state) {
+    libraryThroughput(state, true);
+}
+void BM_NopThroughput8_LibraryNoHeartbeatWatch(benchmark::State& state) {
+    libraryThroughput(state, false);
+}
+
+// ---- parts of the library's round trip ----
+
+// Connect, PING/PONG, CLOSE_CONNECTION: the first step of every request.
+void BM_Part_PingOnNewConnection_Library(benchmark::State& state) {
+    const unsigned int port = static_cast<unsigned int>(s_peers->server->port());
+    for (auto _ : state)
+        if (!RequestServer::ping("127.0.0.1", port)) {
+            state.SkipWithError("ping failed");
+            break;
+        }
+}
+void BM_Part_PingOnNewConnection_Raw(benchmark::State& state) {
+    const int port = s_peers->rawServer->port();
+    for (auto _ : state) {
+        int fd = connectLoopback(port);
+        writeAll(fd, "C 4 PING", 8);
+        PacketReader reader(fd);
+        std::string type, answer;
+        reader.readPacket(type, answer);
+        writeAll(fd, "C 16 CLOSE_CONNECTION", 21);
+        ::close(fd);
+    }
+}
+
+// What a wait for a reply adds when the client knows the server's publisher: a heartbeat
+// watcher made, started and stopped.
+void BM_Part_HeartbeatWatchStartStop(benchmark::State& state) {
+    const HostInfo host = serverHost(true);
+    for (auto _ : state) {
+        LivingProcessWatcher watcher(host, -1, -1, false);
+        watcher.start(true);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+// The client's CPU work on a request before the socket: encoder, attachment scan, package.
+void BM_Part_EncodeRequestPackage(benchmark::State& state) {
+    for (auto _ : state) {
+        RequestEncoder request = nopRequest();
+        std::string copy = request.getEncodedRequest();
+        bool hasFiles = false;
+        auto attachments = Attachment::createAttachments(copy, hasFiles, true);
+        RequestPackageEncoder package(copy, "0000000000000000-0000000000000000-0000000000000001",
+                                      "");
+        benchmark::DoNotOptimize(package.getEncodedRequestPackage());
+    }
+}
+
+// The part of the encoding above that looks for data elements in the request text.
+void BM_Part_RequestAttachmentScan(benchmark::State& state) {
+    const std::string text = nopRequest().getEncodedRequest();
+    for (auto _ : state) {
+        std::string copy = text;
+        bool hasFiles = false;
+        benchmark::DoNotOptimize(Attachment::createAttachments(copy, hasFiles, true));
+    }
+}
+
+// The server's parse and check of the request package and its request.
+void BM_Part_DecodeRequestPackage(benchmark::State& state) {
+    RequestHandler* handler = RequestServer::getInstance(-1, 0)->getRequestHandler();
+    for (auto _ : state) {
+        auto package = RequestPackage::decode(s_peers->requestPackage, *handler, nullptr,
+                                              "127.0.0.1", "127.0.0.1");
+        benchmark::DoNotOptimize(package->getRequest());
+    }
+}
+
+// The server's reply: encoder and package.
+void BM_Part_EncodeReplyPackage(benchmark::State& state) {
+    const std::string id = "0000000000000000-0000000000000000-0000000000000001";
+    for (auto _ : state) {
+        ReplyEncoder reply("TestReply", id);
+        reply.addElement("data", "OK");
+        ReplyPackageEncoder package(reply.getEncodedReply("   ", "  "), 1);
+        benchmark::DoNotOptimize(package.getEncodedReplyPackage());
+    }
+}
+
+// The client's parse and check of the reply package.
+void BM_Part_DecodeReplyPackage(benchmark::State& state) {
+    for (auto _ : state) {
+        auto package = ReplyPackage::decode(s_peers->replyPackage, nullptr);
+        if (package->getReply()->getElement("data") != "OK") {
+            state.SkipWithError("reply not decoded");
+            break;
+        }
+    }
+}
+
+// One hand-off from a thread to a waiting one and back, on a condition variable: twice the
+// cost of each wake-up that the road of a request has beyond the raw one.
+void BM_Part_ThreadHandOffAndBack(benchmark::State& state) {
+    std::mutex mutex;
+    std::condition_variable condition;
+    int turn = 0; // 1: the partner's turn, 0: ours, -1: end
+    std::thread partner([&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (;;) {
+            condition.wait(lock, [&] { return turn != 0; });
+            if (turn < 0)
+                return;
+            turn = 0;
+            condition.notify_all();
+        }
+    });
+    for (auto _ : state) {
+        std::unique_lock<std::mutex> lock(mutex);
+        turn = 1;
+        condition.notify_all();
+        condition.wait(lock, [&] { return turn == 0; });
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        turn = -1;
+    }
+    condition.notify_all();
+    partner.join();
+}
+
+} // namespace
+
+BENCHMARK(BM_NopLatency_Raw)
+    ->Iterations(c_sequential)
+    ->Repetitions(c_repetitions)
+    ->DisplayAggregatesOnly()
+    ->UseRealTime();
+BENCHMARK(BM_NopLatency_Library)
+    ->Iterations(c_sequential)
+    ->Repetitions(c_repetitions)
+    ->DisplayAggregatesOnly()
+    ->UseRealTime();
+BENCHMARK(BM_NopLatency_LibraryNoHeartbeatWatch)
+    ->Iterations(c_sequential)
+    ->Repetitions(c_repetitions)
+    ->DisplayAggregatesOnly()
+    ->UseRealTime();
+BENCHMARK(BM_NopThroughput8_Raw)
+    ->Threads(c_threads)
+    ->Iterations(c_perThread)
+    ->Repetitions(c_repetitions)
+    ->DisplayAggregatesOnly()
+    ->UseRealTime();
+BENCHMARK(BM_NopThroughput8_Library)
+    ->Threads(c_threads)
+    ->Iterations(c_perThread)
+    ->Repetitions(c_repetitions)
+    ->DisplayAggregatesOnly()
+    ->UseRealTime();
+BENCHMARK(BM_NopThroughput8_LibraryNoHeartbeatWatch)
+    ->Threads(c_threads)
+    ->Iterations(c_perThread)
+    ->Repetitions(c_repetitions)
+    ->DisplayAggregatesOnly()
+    ->UseRealTime();
+BENCHMARK(BM_Part_PingOnNewConnection_Raw)->Iterations(c_sequential * 3)->UseRealTime();
+BENCHMARK(BM_Part_PingOnNewConnection_Library)->Iterations(c_sequential * 3)->UseRealTime();
+BENCHMARK(BM_Part_HeartbeatWatchStartStop)->Iterations(500)->UseRealTime();
+BENCHMARK(BM_Part_HeartbeatWatchStartStop)->Threads(c_threads)->Iterations(100)->UseRealTime();
+BENCHMARK(BM_Part_EncodeRequestPackage)->Iterations(c_cpuOnly);
+BENCHMARK(BM_Part_RequestAttachmentScan)->Iterations(c_cpuOnly);
+BENCHMARK(BM_Part_DecodeRequestPackage)->Iterations(c_cpuOnly);
+BENCHMARK(BM_Part_EncodeReplyPackage)->Iterations(c_cpuOnly);
+BENCHMARK(BM_Part_DecodeReplyPackage)->Iterations(c_cpuOnly);
+BENCHMARK(BM_Part_ThreadHandOffAndBack)->Iterations(c_sequential * 12)->UseRealTime();
+
+int main(int argc, char** argv) {
+    if (argc > 1 && std::string(argv[1]) == "--raw-server")
+        return runRawServer(c_threads);
+    initializeBenchmarks(argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    Logging::setLevel(LogLevel::Warn);
+    int result = 0;
+    RequestServer* ownServer = nullptr;
+    Peers peers;
+    s_peers = &peers;
+    try {
+        // The children first, so that they inherit none of this process's sockets.
+        peers.server = startRequestServer();
+        peers.publisherPort = peers.server->announcedPort("PUBLISHER");
+        peers.rawServer =
+            std::make_unique<Child>(selfExecutable(), std::vector<std::string>{"--raw-server"});
+        ownServer = RequestServer::getInstance(-1, 0);
+        if (peers.publisherPort <= 0 || !ownServer)
+            throw std::runtime_error("no publisher port, or no request server in this process");
+        peers.rawListener = std::make_unique<RawReplyListener>();
+        capturePackages();
+
+        KeepingReporter reporter;
+        benchmark::RunSpecifiedBenchmarks(&reporter);
+
+        std::printf("\nSummary (ours = library, reference = raw sockets):\n");
+        printComparison("NOP round trip, median latency", //
+                        reporter.counter("BM_NopLatency_Library", "median_us"),
+                        reporter.counter("BM_NopLatency_Raw", "median_us"), "us", false, 1.3);
+        printComparison("  the same without heartbeat watch",
+                        reporter.counter("BM_NopLatency_LibraryNoHeartbeatWatch", "median_us"),
+                        reporter.counter("BM_NopLatency_Raw", "median_us"), "us", false, 1.3);
+        printComparison("NOP round trips, 8 threads", //
+                        reporter.counter("BM_NopThroughput8_Library", "items_per_second"),
+                        reporter.counter("BM_NopThroughput8_Raw", "items_per_second"), "req/s",
+                        true, 0.8);
+        printComparison(
+            "  the same without heartbeat watch",
+            reporter.counter("BM_NopThroughput8_LibraryNoHeartbeatWatch", "items_per_second"),
+            reporter.counter("BM_NopThroughput8_Raw", "items_per_second"), "req/s", true, 0.8);
+        // What bounds both: the CPU time that one round trip costs the two processes.
+        auto cpu = [&](const std::string& name) {
+            double client = reporter.counter(name, "client_cpu_us");
+            double server = reporter.counter(name, "server_cpu_us");
+            return client < 0 || server < 0 ? -1 : client + server;
+        };
+        printComparison("CPU per round trip, both processes", cpu("BM_NopLatency_Library"),
+                        cpu("BM_NopLatency_Raw"), "us", false, 0);
+        printComparison("  the same without heartbeat watch",
+                        cpu("BM_NopLatency_LibraryNoHeartbeatWatch"), cpu("BM_NopLatency_Raw"),
+                        "us", false, 0);
+        printComparison("CPU per round trip, 8 threads", cpu("BM_NopThroughput8_Library"),
+                        cpu("BM_NopThroughput8_Raw"), "us", false, 0);
+        printComparison("  the same without heartbeat watch",
+                        cpu("BM_NopThroughput8_LibraryNoHeartbeatWatch"),
+                        cpu("BM_NopThroughput8_Raw"), "us", false, 0);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "RoundTripBench: %s\n", e.what());
+        result = 1;
+    }
+    peers.rawListener.reset();
+    peers.rawServer.reset();
+    peers.server.reset();
+    if (ownServer) {
+        ownServer->stop();
+        ownServer->waitForShutdown();
+    }
+    benchmark::Shutdown();
+    return result;
+}
