@@ -14,8 +14,18 @@ namespace {
 Logging s_logging(__FILE__);
 }
 
+namespace {
+// One context for all subscribers of the process: a context starts I/O threads of its own, too
+// dear for a watcher that lives only while one reply is awaited. Never destroyed, so that no
+// subscriber outlives it at exit.
+zmq::context_t& sharedContext() {
+    static zmq::context_t* context = new zmq::context_t();
+    return *context;
+}
+} // namespace
+
 struct Subscriber::Sockets {
-    zmq::context_t context;
+    zmq::context_t& context = sharedContext();
     std::map<int, zmq::socket_t> sockets;
     boost::mutex mutex;
     int nextId = 0;
@@ -37,7 +47,6 @@ Subscriber::~Subscriber() {
         boost::lock_guard<boost::mutex> lock(m_sockets->mutex);
         m_sockets->sockets.clear();
     }
-    m_sockets->context.close(); // repeats zmq_ctx_term while it is interrupted
 }
 
 int Subscriber::addPublisher(const HostInfo& publisher) {
@@ -53,6 +62,8 @@ int Subscriber::addPublisher(const HostInfo& publisher) {
             .first->second;
     std::string host = !publisher.getIp().empty() ? publisher.getIp() : publisher.getName();
     std::string address = "tcp://" + host + ":" + std::to_string(publisher.getPublisherPort());
+    // A subscriber sends nothing that must survive its close.
+    socket.set(zmq::sockopt::linger, 0);
     socket.connect(address);
     if (m_topics.empty()) {
         socket.set(zmq::sockopt::subscribe, "");
