@@ -221,8 +221,10 @@ bool TcpRequestClient::hasSameHostAndUserId(Computing::ClientSocket& socket,
             "Error sending request: unexpected reply to GET_HOST_AND_USER_ID!", c_source,
             "Kestrane::TcpRequestClient::hasSameHostAndUserId", __FILE__, __LINE__);
     }
+    // Exact, case included: "HOST#user" and "host#user" may be different machines or accounts
+    // for the file system, and a wrong "same" would leave the peer without its files.
     const std::string local = HostAndUserId().toString();
-    bool same = boost::iequals(local, remote);
+    bool same = local == remote;
     KS_TRACE("Checking if files have to be transferred\nLocal  HostAndUserId: "
              << local << "\nRemote HostAndUserId: " << remote
              << "\nhasSameHostAndUserId = " << (same ? "true" : "false"));
