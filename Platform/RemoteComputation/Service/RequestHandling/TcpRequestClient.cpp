@@ -264,7 +264,7 @@ void TcpRequestClient::sendRequest(const std::string& request, std::shared_ptr<P
     std::string copy = request;
     bool hasFileAttachments = false;
     try {
-        attachments = Attachment::createAttachments(copy, hasFileAttachments, true);
+        attachments = createAttachments(copy, hasFileAttachments);
     } catch (const KsExceptionNested& e) {
         std::string message = "Error sending request: exception while creating attachments!";
         KS_ERROR(message << "\n" << e.log());
@@ -365,6 +365,11 @@ void TcpRequestClient::sendRequest(const std::string& request, std::shared_ptr<P
     } catch (const Computing::Error& e) {
         failWith(std::string("Error sending request: exception while sending!\n") + e.what(), e);
     }
+}
+
+std::shared_ptr<std::vector<std::shared_ptr<Attachment>>>
+TcpRequestClient::createAttachments(std::string& request, bool& hasFileAttachments) {
+    return Attachment::createAttachments(request, hasFileAttachments, true);
 }
 
 std::shared_ptr<Reply> TcpRequestClient::handleRequest(const std::string& request,
