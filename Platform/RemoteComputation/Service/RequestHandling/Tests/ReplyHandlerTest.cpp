@@ -5,8 +5,10 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyPackage.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyPackageEncoder.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/RequestServerStarter.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/StandardRequestSchema.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/TcpRequestClient.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/AbstractJobLog.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/HostInfo.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
@@ -25,6 +27,7 @@
 #include <future>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -288,6 +291,31 @@ TEST_F(ReplyHandlerTest, WaiterKeepsJobLogAndAttachmentPathOnlyWhileWaiting) {
     EXPECT_TRUE(handler.getReplyAttachmentPath(id).empty());
 }
 
+TEST_F(ReplyHandlerTest, JobLogIsKeptPerRequestWithATraceLine) {
+    class NullJobLog : public AbstractJobLog {
+    public:
+        std::string getName() override { return "null"; }
+        int logMessage(const std::string&, int64_t, bool) override { return 0; }
+        std::shared_ptr<void> getJobContext() override { return nullptr; }
+        int flush() override { return 0; }
+    };
+    auto jobLog = std::make_shared<NullJobLog>();
+    EXPECT_EQ(handler.getReplyJobLog(id), nullptr);
+    handler.setReplyJobLog(id, jobLog);
+    EXPECT_EQ(handler.getReplyJobLog(id), jobLog);
+    std::ostringstream pointer;
+    pointer << jobLog.get();
+    EXPECT_TRUE(capture.contains(LogLevel::Trace,
+                                 "Set reply JobLog for request " + id + " to " + pointer.str()));
+    // Nothing in this system fills the alive information.
+    std::string message = "m", time = "t", change = "c";
+    EXPECT_FALSE(handler.getLastAliveInfo(id, message, time, change));
+    EXPECT_EQ(message, "m");
+    // A cancel clears the job log.
+    handler.cancellReceiveReply(id);
+    EXPECT_EQ(handler.getReplyJobLog(id), nullptr);
+}
+
 // ---- serial order ----
 
 TEST_F(ReplyHandlerTest, SerialThreeWaitsForTwoAndTheSinkSeesTwoFirst) {
@@ -477,6 +505,37 @@ TEST_F(ReplyHandlerTest, MaxWaitTimeFiveWithASilentServerGivesTheVerdictForFiveS
     EXPECT_EQ(verdictOf(package), "No reply before max wait time (5s)");
     EXPECT_TRUE(capture.contains(LogLevel::Warn, "Max wait time reached (5s)"));
     EXPECT_EQ(handler.getPendingRepliesCount(), 0);
+}
+
+namespace {
+
+// Names nothing and starts nothing: it only makes its client count as local.
+class LocalStarter : public RequestServerStarter {
+public:
+    LocalStarter() : RequestServerStarter("local-server", GenericJobId(), "") {}
+    bool startRequestServer() override { return false; }
+    std::string getReconnectString() const override { return "LOCAL"; }
+    bool startsLocalProcess() const override { return true; }
+};
+
+} // namespace
+
+// A local server is checked at the local interval: with a publisher that never speaks, the
+// not-alive verdict comes within a few seconds, not after the ten of the remote interval.
+TEST_F(ReplyHandlerTest, LocalClientIsCheckedAtTheLocalInterval) {
+    configure("rPingIntervalSec", "10");
+    configure("localRPingIntervalSec", "1");
+    configure("maxAliveAge", "1");
+    HostInfo silent = deadHost();
+    silent.setPublisherPort(closedPort());
+    TcpRequestClient client("local", std::make_shared<LocalStarter>(), silent);
+    ASSERT_TRUE(client.isLocal());
+    auto start = std::chrono::steady_clock::now();
+    auto package = handler.receiveReply(id, &client, nullptr, nullptr, client.getPublisherPort(),
+                                        false, 8, FileName());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 6s);
+    EXPECT_EQ(verdictOf(package).rfind("Remote process not alive anymore? age = ", 0), 0u)
+        << verdictOf(package);
 }
 
 namespace {

@@ -11,14 +11,18 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServerConnectionException.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServerStarter.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ServerRequestSchema.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Tests/ClientFakeServer.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Tests/XLinkTestSupport.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/XLinkDataEncoder.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/XLinkDataEncoderArch.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/XLinkFileEncoder.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/AbstractJobLog.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/FileName.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/HostInfo.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestXmlHelper.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Socket.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/UniqueID.h"
 
@@ -32,6 +36,7 @@
 #include <functional>
 #include <future>
 #include <iterator>
+#include <mutex>
 #include <regex>
 #include <string>
 #include <sys/stat.h>
@@ -167,6 +172,32 @@ std::string otherCaseHost(const std::string& hostAndUser) {
     return result;
 }
 
+// Keeps the lines of a job's log with their arguments.
+class RecordingJobLog : public AbstractJobLog {
+public:
+    struct Line {
+        std::string text;
+        int64_t value;
+        bool flag;
+    };
+    std::string getName() override { return "recording"; }
+    int logMessage(const std::string& text, int64_t value, bool flag) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_lines.push_back({text, value, flag});
+        return 0;
+    }
+    std::shared_ptr<void> getJobContext() override { return nullptr; }
+    int flush() override { return 0; }
+    std::vector<Line> lines() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_lines;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<Line> m_lines;
+};
+
 const std::string c_cantConnect = "Error sending request: can't connect to request server!\n";
 
 class TcpRequestClientTest : public ::testing::Test {
@@ -251,6 +282,26 @@ TEST_F(TcpRequestClientTest, OnlyAnHdfsAttachmentAsksNoHostAndUser) {
     EXPECT_NE(packets[3].data.find("hdfs://"), std::string::npos);
     EXPECT_TRUE(capture.contains(LogLevel::Trace,
                                  "Sending HdfsAttachement: id=" + id + ", dataSize=" + size));
+    EXPECT_FALSE(capture.containsSubstring("transferFileAttachments"));
+}
+
+TEST_F(TcpRequestClientTest, ArchAttachmentGoesAsCommandAndRawBlockBeforeTheRequest) {
+    fake.start();
+    TcpRequestClient client("arch", fake.host());
+    auto bytes = std::make_shared<std::vector<unsigned char>>(
+        std::vector<unsigned char>{'a', 0, 'r', 'c', 'h'});
+    const std::string element = *XLinkDataEncoderArch::encode("data", bytes);
+    const std::string id = attributeOf(element, "id");
+    // The block behind the link is the sender's to free after the send.
+    client.sendRequest(requestText(element), nullptr, true, "", nullptr);
+    ASSERT_TRUE(fake.waitForFinishedConnections(1, 5000ms));
+    EXPECT_EQ(fake.words(), (Words{"PING", "ARCH", "BINARY", "RQ", "CLOSE_CONNECTION"}));
+    auto packets = fake.packets();
+    ASSERT_EQ(packets.size(), 5u);
+    EXPECT_EQ(packets[1].data, "ARCH " + id + " 5");
+    EXPECT_EQ(packets[2].data, std::string("a\0rch", 5));
+    EXPECT_TRUE(
+        capture.contains(LogLevel::Trace, "Sending ArchAttachment: id=" + id + ", dataSize=5"));
     EXPECT_FALSE(capture.containsSubstring("transferFileAttachments"));
 }
 
@@ -403,6 +454,59 @@ TEST_F(TcpRequestClientTest, UnknownAttachmentKindIsSkippedAndTheRequestGoesOut)
     EXPECT_TRUE(capture.contains(LogLevel::Error, "Unknown attachment type. Id=foreign-1"));
     EXPECT_EQ(fake.words(), (Words{"PING", "RQ", "CLOSE_CONNECTION"}));
     EXPECT_NE(fake.packets()[1].data.find("id=\"foreign-1\""), std::string::npos);
+}
+
+TEST_F(TcpRequestClientTest, AttachmentThatCannotBeCreatedIsReportedToTheJobLog) {
+    fake.start();
+    TcpRequestClient client("missing", fake.host());
+    auto jobLog = std::make_shared<RecordingJobLog>();
+    const std::string missing = scratchDir() + "/no-such-file.bin";
+    const std::string headline = "Error sending request: exception while creating attachments!";
+    try {
+        client.sendRequest(requestText(fileElement("gone", missing, false)), nullptr, true, "",
+                           jobLog);
+        FAIL() << "no exception";
+    } catch (const RequestHandlingException& e) {
+        EXPECT_EQ(std::string(e.what()), headline);
+        EXPECT_EQ(e.getSource(), "TcpRequestClient");
+    }
+    auto lines = jobLog->lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].text.rfind(headline + "\n", 0), 0u) << lines[0].text;
+    EXPECT_NE(lines[0].text.find(missing), std::string::npos);
+    EXPECT_EQ(lines[0].value, -1);
+    EXPECT_TRUE(lines[0].flag);
+    EXPECT_TRUE(capture.contains(LogLevel::Error, lines[0].text));
+    // The connection was made before, and is dropped without a request.
+    ASSERT_TRUE(fake.waitForFinishedConnections(1, 5000ms));
+    EXPECT_EQ(fake.words(), Words{"PING"});
+}
+
+TEST_F(TcpRequestClientTest, RefusedFileThrowsErrorSendingFileAndTellsTheJobLog) {
+    fake.fileDirectory = scratchDir() + "/no-such-directory";
+    fake.start();
+    TempFile forced("refused.bin", "content");
+    TcpRequestClient client("refused", fake.host());
+    auto jobLog = std::make_shared<RecordingJobLog>();
+    std::string message;
+    try {
+        client.sendRequest(requestText(fileElement("f", forced.path(), true)), nullptr, true, "",
+                           jobLog);
+        FAIL() << "no exception";
+    } catch (const RequestHandlingException& e) {
+        message = e.what();
+        EXPECT_EQ(e.getSource(), "TcpRequestClient");
+    }
+    EXPECT_EQ(message.rfind("Error sending file: File transfer refused by the receiver: ", 0), 0u)
+        << message;
+    EXPECT_TRUE(capture.contains(LogLevel::Error, message));
+    auto lines = jobLog->lines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back().text, message);
+    EXPECT_EQ(lines.back().value, -1);
+    EXPECT_TRUE(lines.back().flag);
+    ASSERT_TRUE(fake.waitForFinishedConnections(1, 5000ms));
+    EXPECT_EQ(fake.words(), (Words{"PING", "GET_HOST_AND_USER_ID", "FILE"}));
 }
 
 // ---- connecting and pinging ----
@@ -725,6 +829,45 @@ TEST_F(TcpRequestClientTest, HandleRequestWithALimitGivesTheMaxWaitVerdict) {
     auto unreachable = std::dynamic_pointer_cast<RequestServerUnreachableReply>(reply);
     ASSERT_TRUE(unreachable);
     EXPECT_EQ(unreachable->getErrorMessage(), "No reply before max wait time (1s)");
+}
+
+TEST_F(TcpRequestClientTest, StatusReplyTellsTheClientThePublisherPort) {
+    RequestXmlHelper::getInstance()->addSchema(ServerRequestSchema());
+    fake.onRequest = [](const std::string& package) {
+        const std::string id = Testing::clientRequestIdOf(package);
+        HostInfo server("127.0.0.1", "localhost");
+        server.setRequestServerPort(4242);
+        server.setPublisherPort(4343);
+        ReplyEncoder reply("GetStatusReply", id);
+        reply.addElement("status", "OK");
+        reply.addElement("version", "1");
+        reply.addElement("availableTmpStorage", "0");
+        reply.addTextLines(server.toXmlString("requestHost", "", "  "));
+        reply.addTextLines(server.toXmlString("replyHost", "", "  "));
+        reply.addElement("timeStamp", "0");
+        Testing::clientDeliverReply(id, reply.getEncodedReply("   ", "  "), 0);
+    };
+    fake.start();
+    TcpRequestClient client("status", fake.host());
+    EXPECT_FALSE(client.getHost().hasPublisherPort());
+    auto status = client.sendGetStatusRequest();
+    ASSERT_NE(status, nullptr);
+    EXPECT_EQ(status->getType(), "GetStatusReply");
+    EXPECT_EQ(client.getPublisherPort(), 4343);
+    // The request server port stays the one the client came with.
+    EXPECT_EQ(client.getHost().getRequestServerPort(), fake.port());
+}
+
+TEST_F(TcpRequestClientTest, SilentStatusQueryEndsAfterMaxGetStatusTime) {
+    configure("rPingIntervalSec", "1");
+    configure("maxGetStatusTime", "1");
+    fake.start();
+    TcpRequestClient client("status", fake.host());
+    auto status =
+        std::dynamic_pointer_cast<RequestServerUnreachableReply>(client.sendGetStatusRequest());
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->getErrorMessage(), "No reply before max wait time (1s)");
+    EXPECT_FALSE(client.getHost().hasPublisherPort());
 }
 
 TEST_F(TcpRequestClientTest, ReconnectWithStatusOtherThanOkThrows) {
