@@ -221,8 +221,10 @@ bool TcpRequestClient::hasSameHostAndUserId(Computing::ClientSocket& socket,
             "Error sending request: unexpected reply to GET_HOST_AND_USER_ID!", c_source,
             "Kestrane::TcpRequestClient::hasSameHostAndUserId", __FILE__, __LINE__);
     }
+    // Exact, case included: "HOST#user" and "host#user" may be different machines or accounts
+    // for the file system, and a wrong "same" would leave the peer without its files.
     const std::string local = HostAndUserId().toString();
-    bool same = boost::iequals(local, remote);
+    bool same = local == remote;
     KS_TRACE("Checking if files have to be transferred\nLocal  HostAndUserId: "
              << local << "\nRemote HostAndUserId: " << remote
              << "\nhasSameHostAndUserId = " << (same ? "true" : "false"));
@@ -262,7 +264,7 @@ void TcpRequestClient::sendRequest(const std::string& request, std::shared_ptr<P
     std::string copy = request;
     bool hasFileAttachments = false;
     try {
-        attachments = Attachment::createAttachments(copy, hasFileAttachments, true);
+        attachments = createAttachments(copy, hasFileAttachments);
     } catch (const KsExceptionNested& e) {
         std::string message = "Error sending request: exception while creating attachments!";
         KS_ERROR(message << "\n" << e.log());
@@ -363,6 +365,11 @@ void TcpRequestClient::sendRequest(const std::string& request, std::shared_ptr<P
     } catch (const Computing::Error& e) {
         failWith(std::string("Error sending request: exception while sending!\n") + e.what(), e);
     }
+}
+
+std::shared_ptr<std::vector<std::shared_ptr<Attachment>>>
+TcpRequestClient::createAttachments(std::string& request, bool& hasFileAttachments) {
+    return Attachment::createAttachments(request, hasFileAttachments, true);
 }
 
 std::shared_ptr<Reply> TcpRequestClient::handleRequest(const std::string& request,

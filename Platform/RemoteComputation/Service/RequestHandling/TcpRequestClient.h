@@ -9,10 +9,12 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Kestrane {
 
 class AbstractJobLog;
+class Attachment;
 class RemoteJobStatusInterface;
 class RequestServerStarter;
 class SendFileSocketPacket;
@@ -85,6 +87,13 @@ public:
     void setPropagateAliveMessages(bool propagate) { propagateAliveMessages = propagate; }
     const std::string& getRequestClientId() const { return requestClientId; }
     const std::string& getClientName() const { return clientName; }
+
+protected:
+    // The attachments of an outgoing request text, in document order; the text may be
+    // rewritten on the way (a dha link becomes an hdfs link). A client whose attachments come
+    // from elsewhere overrides this.
+    virtual std::shared_ptr<std::vector<std::shared_ptr<Attachment>>>
+    createAttachments(std::string& request, bool& hasFileAttachments);
 
 private:
     // Owned by the caller; null on failure, with the reason in `errorMessage`.
