@@ -389,7 +389,17 @@ std::shared_ptr<Reply> TcpRequestClient::waitForReply(const std::string& request
                                                       std::shared_ptr<AbstractJobLog> jobLog,
                                                       unsigned int maxWaitTime,
                                                       const FileName& replyAttachmentPath) {
-    auto package = RequestServer::getInstance(-1, 0)->getReplyHandler().receiveReply(
+    RequestServer* server = RequestServer::getInstance(-1, 0);
+    if (!server) {
+        // Replies come back through this process's own server; without it none can arrive.
+        std::string message = "No RequestServer in this process to receive the reply: " +
+                              RequestServer::getErrorMessage();
+        KS_ERROR(message);
+        throw RequestServerConnectionException(message.c_str(), c_source,
+                                               "Kestrane::TcpRequestClient::handleRequest",
+                                               __FILE__, __LINE__);
+    }
+    auto package = server->getReplyHandler().receiveReply(
         requestId, this, std::move(progress), std::move(jobLog), host.getPublisherPort(),
         propagateAliveMessages, maxWaitTime, replyAttachmentPath);
     return package ? package->getReply() : nullptr;
