@@ -79,6 +79,8 @@ public:
     bool stopWaiting();
 
     std::string target() const;
+    // Whether this client brought up the process's own request server, which receives replies.
+    bool startedOwnServer() const { return m_client != nullptr; }
 
     // The whole of ks: runs the command of `options` against this client's server, writes
     // progress and outcome to the progress stream and the reason of a failure to `err`, and

@@ -73,7 +73,7 @@ int main(int argc, char** argv) {
     int code = client.execute(options, std::cerr);
     s_client = nullptr;
     // Stop the process's own request server before the singletons go.
-    if (options.command != ClientOptions::Command::Ping) {
+    if (client.startedOwnServer()) {
         if (auto server = RequestServer::getInstance(-1, 0)) {
             server->stop();
             server->waitForShutdown();
