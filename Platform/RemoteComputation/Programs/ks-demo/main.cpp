@@ -481,5 +481,11 @@ int main() {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     std::ios::sync_with_stdio(true);
     Demo demo(programDirectory() + "/ks-request-server");
-    return demo.run();
+    // Caught here, so that the server is stopped and the temporary files go on the way out.
+    try {
+        return demo.run();
+    } catch (const std::exception& e) {
+        std::printf("FAILED: %s\n", e.what());
+    }
+    return 1;
 }

@@ -43,6 +43,10 @@ std::string milliseconds(double ms) {
 // is in place when the request starts to report. A heartbeat comes once a second by default.
 constexpr std::chrono::milliseconds c_subscriptionWait{1500};
 
+// After the reply: how long the publisher must be silent before the progress lines are complete.
+constexpr std::chrono::milliseconds c_settleQuiet{100};
+constexpr std::chrono::milliseconds c_settleLimit{1000};
+
 std::string absolutePath(const std::string& path) {
     char resolved[PATH_MAX];
     if (::realpath(path.c_str(), resolved))
@@ -290,6 +294,7 @@ ClientOutcome KsClient::test(const TestCall& call) {
                           lines.get(), outcome);
     outcome.milliseconds = msSince(sent);
     if (follower) {
+        follower->settle(c_settleQuiet, c_settleLimit);
         follower->stop();
         follower->finalize();
         outcome.logMessages = follower->getLogMessages();

@@ -88,8 +88,10 @@ void ProgressFollower::handleMessage(int, const std::string& topic,
         std::lock_guard<std::mutex> lock(m_mutex);
         if (topic == Publisher::c_topicAlive)
             ++m_heartbeats;
-        else
+        else {
             ++m_logMessages;
+            m_lastLogMessage = std::chrono::steady_clock::now();
+        }
     }
     m_condition.notify_all();
     m_lines.line(topic, text);
@@ -98,6 +100,18 @@ void ProgressFollower::handleMessage(int, const std::string& topic,
 bool ProgressFollower::waitForFirstMessage(std::chrono::milliseconds limit) {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_condition.wait_for(lock, limit, [this] { return m_heartbeats + m_logMessages > 0; });
+}
+
+void ProgressFollower::settle(std::chrono::milliseconds quiet, std::chrono::milliseconds limit) {
+    auto start = std::chrono::steady_clock::now();
+    auto deadline = start + limit;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (;;) {
+        auto until = std::min(std::max(m_lastLogMessage, start) + quiet, deadline);
+        if (std::chrono::steady_clock::now() >= until)
+            return;
+        m_condition.wait_until(lock, until);
+    }
 }
 
 unsigned int ProgressFollower::getLogMessages() const {

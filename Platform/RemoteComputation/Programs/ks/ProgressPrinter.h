@@ -61,6 +61,9 @@ public:
                        const std::vector<std::string>& content) override;
     // Waits until the first message came (the subscription is then in place), at most `limit`.
     bool waitForFirstMessage(std::chrono::milliseconds limit);
+    // A log message published just before the reply left the server may come in just after it:
+    // waits until no log message came for `quiet`, at most `limit`.
+    void settle(std::chrono::milliseconds quiet, std::chrono::milliseconds limit);
     unsigned int getLogMessages() const;
     unsigned int getHeartbeats() const;
 
@@ -70,6 +73,7 @@ private:
     std::condition_variable m_condition;
     unsigned int m_logMessages = 0;
     unsigned int m_heartbeats = 0;
+    std::chrono::steady_clock::time_point m_lastLogMessage{};
 };
 
 // The job log of a file transfer: its lines ("Starting transfer of file ...", " 42% (84/200MB)",
