@@ -1,8 +1,8 @@
 #include "StatusText.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/Reply.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/GenericJobId.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/HostInfo.h"
-#include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
 
 #include <cstdio>
 #include <ctime>
@@ -78,11 +78,10 @@ std::vector<std::string> StatusText::describe(const Reply& reply) {
     lines.push_back(field("executable", executable.empty() ? "-" : executable));
 
     std::string job = "none";
-    if (auto element = reply.getDomElement("jobId")) {
-        std::string uid = XmlUtils::getElementContent("uid", element);
-        std::string name = XmlUtils::getElementContent("name", element);
-        job = name.empty() ? uid : uid + " (" + name + ")";
-    }
+    GenericJobId jobId(reply.getDomElement("jobId"));
+    if (jobId.isValid())
+        job = jobId.getName().empty() ? jobId.getUid()
+                                      : jobId.getUid() + " (" + jobId.getName() + ")";
     lines.push_back(field("job id", job));
 
     bool ok = false;

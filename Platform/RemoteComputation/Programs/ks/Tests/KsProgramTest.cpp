@@ -148,6 +148,19 @@ TEST_F(KsProgramTest, PingStatusNopAndShutdown) {
     EXPECT_EQ(ks({"ping", target}).code, 2);
 }
 
+TEST(KsProgramJobTest, StatusShowsTheJobOfTheServer) {
+    const std::string uid = "0123456789ABCDEF-0123456789ABCDEF-0123456789ABCDEF";
+    ServerProcess server({"-logLevel", "WARN", "-jobId", uid + ".nightly"});
+    ASSERT_TRUE(server.start());
+    ASSERT_GT(server.port(), 0);
+    KsRun status = ks({"status", "127.0.0.1:" + std::to_string(server.port())});
+    EXPECT_EQ(status.code, 0) << show(status);
+    EXPECT_NE(status.out.find("  job id            : " + uid + " (nightly)\n"), std::string::npos)
+        << show(status);
+    server.process().kill(SIGTERM);
+    EXPECT_EQ(server.waitForExit(10000ms), 0);
+}
+
 TEST_F(KsProgramTest, WaitProgressPrintsHeartbeatsWhileItRuns) {
     KsRun run = ks({"test", target, "WAIT_PROGRESS", "1000"});
     EXPECT_EQ(run.code, 0) << show(run);
