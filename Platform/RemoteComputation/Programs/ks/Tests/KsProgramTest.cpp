@@ -186,10 +186,6 @@ TEST_F(KsProgramTest, WaitProgressPrintsHeartbeatsWhileItRuns) {
 }
 
 TEST_F(KsProgramTest, WaitProgressPrintsTheLogMessagesOfTheRequest) {
-    GTEST_SKIP() << "On this branch HandleRequestTask drops the connection of the request's log "
-                    "signal to the publisher at once (the Connection returned by connect() is "
-                    "destroyed), so no log message of a request is published; remove this skip "
-                    "once the library has the fix";
     KsRun run = ks({"test", target, "WAIT_PROGRESS", "1000"});
     EXPECT_EQ(run.code, 0) << show(run);
     size_t sent = run.out.find(" sent: TestRequest WAIT_PROGRESS 1000\n");
