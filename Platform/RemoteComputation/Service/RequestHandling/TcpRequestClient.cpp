@@ -304,8 +304,8 @@ void TcpRequestClient::sendRequest(const std::string& request, std::shared_ptr<P
                         boost::lock_guard<boost::mutex> lock(sendMutex);
                         if (sendCancelled) {
                             KS_INFO("Send request cancelled: skipping send!");
-                            // Left unclosed on purpose: the server sees the peer vanish.
-                            socket.release();
+                            // No "CLOSE_CONNECTION": the conversation just ends, and the
+                            // server sees its peer go.
                             return;
                         }
                         packet = std::make_shared<SendFileSocketPacket>(

@@ -197,6 +197,11 @@ xercesc::DOMDocument* RequestXmlHelper::parse(const std::string& text) {
     try {
         xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()),
                                           text.size(), "RequestXmlHelper", false);
+        // Validation writes into the shared grammar: Xerces builds content models and pattern
+        // expressions at their first use. Parses of several threads at once would race there
+        // (seen as spurious pattern failures and leaked models), so one parse runs at a time.
+        static std::mutex s_validationMutex;
+        std::lock_guard<std::mutex> lock(s_validationMutex);
         parser.parse(source);
     } catch (const xercesc::SAXParseException& e) {
         failure = "Error parsing XML document at " + describe(e);
