@@ -73,6 +73,10 @@ protected:
     // Settings of the child go through its environment; they are read at its start.
     void startServer(const std::vector<std::pair<std::string, std::string>>& environment = {}) {
         ::setenv("KS_ALIVE_PUBLISH_INTERVAL", "100", 1);
+        // The server keeps the files it receives; they go where the test can remove them.
+        m_serverTmp = std::filesystem::temp_directory_path() /
+                      ("ks-roundtrip-server-" + UniqueID::generateId().substr(0, 16));
+        ::setenv("KS_PATH_TMP", m_serverTmp.c_str(), 1);
         for (const auto& [name, value] : environment)
             ::setenv(name.c_str(), value.c_str(), 1);
         m_server = std::make_unique<Testing::ServerProcess>(std::vector<std::string>{});
@@ -81,11 +85,16 @@ protected:
         ASSERT_GT(m_server->publisherPort(), 0);
         for (const auto& [name, value] : environment)
             ::unsetenv(name.c_str());
+        ::unsetenv("KS_PATH_TMP");
         ASSERT_NE(RequestServer::getInstance(-1, 0), nullptr);
     }
     void TearDown() override {
         for (auto& file : m_files)
             std::filesystem::remove(file);
+        m_server.reset();
+        std::error_code ignored;
+        if (!m_serverTmp.empty())
+            std::filesystem::remove_all(m_serverTmp, ignored);
     }
     HostInfo host() const {
         HostInfo host("127.0.0.1", "localhost");
@@ -106,6 +115,7 @@ protected:
 
     std::unique_ptr<Testing::ServerProcess> m_server;
     std::vector<std::filesystem::path> m_files;
+    std::filesystem::path m_serverTmp;
 };
 
 std::string dataOf(const std::shared_ptr<Reply>& reply) {

@@ -92,7 +92,6 @@ protected:
         RequestHandler::getDefaultRequestHandler();
         m_dir = std::filesystem::temp_directory_path() /
                 ("TestRequestHandlerTest_" + UniqueID::generateId().substr(0, 16));
-        std::filesystem::create_directories(m_dir);
         TestRequestHandler::s_testFile = FileName();
     }
     void TearDown() override {
@@ -100,6 +99,8 @@ protected:
         std::filesystem::remove_all(m_dir, ignored);
     }
     FileName writeFile(const std::string& name, const std::string& content) {
+        // Made on demand: a death test's child runs SetUp but never TearDown.
+        std::filesystem::create_directories(m_dir);
         auto path = m_dir / name;
         std::ofstream(path, std::ios::binary) << content;
         return FileName(path.string());
