@@ -395,7 +395,8 @@ TEST_F(ReplyDeliveryTest, FinishedRequestIsCachedAgainOnReconnect) {
     EXPECT_FALSE(m_capture.containsSubstring("Setting new remote host"));
     ASSERT_TRUE(m_capture.waitFor("Sending cached replies for request " + id + "...", 3000ms));
     auto deadline = std::chrono::steady_clock::now() + 3s;
-    while (m_capture.count("Cache for " + id + " created.") < 2 &&
+    // "not sent!" is the last line of the second delivery.
+    while (m_capture.count("Reply for " + id + " not sent!") < 2 &&
            std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(10ms);
     EXPECT_EQ(m_capture.count("Cache for " + id + " created."), 2u);
