@@ -301,7 +301,9 @@ TEST_F(KsProgramTest, CtrlCAbortsTheRunningRequest) {
 TEST_F(KsProgramTest, FileBothWaysWithForcedTransferAndProgress) {
     ::setenv("KS_FILE_TRANSFER_PROGRESS_FIRST_UPDATE_DELAY", "0", 1);
     std::string path = ::testing::TempDir() + "ks-put-" + std::to_string(::getpid()) + ".bin";
-    const size_t size = 3 * 1024 * 1024 + 17;
+    // Large enough that the transfer outlasts the start of its progress companion, which says
+    // nothing when the transfer is over before it runs.
+    const size_t size = 48 * 1024 * 1024 + 17;
     {
         std::ofstream file(path, std::ios::binary);
         std::string block(size, 'x');
@@ -327,7 +329,7 @@ TEST_F(KsProgramTest, FileBothWaysWithForcedTransferAndProgress) {
         << show(get);
     // Same host and user: the server's copy is read where it lies.
     EXPECT_TRUE(std::regex_search(get.out, std::regex("\nfile /.*" + leaf +
-                                                      " \\(3\\.0 MB\\), not transferred: read in "
+                                                      " \\(48\\.0 MB\\), not transferred: read in "
                                                       "place \\(same host and user\\)\n")))
         << show(get);
     std::remove(path.c_str());
