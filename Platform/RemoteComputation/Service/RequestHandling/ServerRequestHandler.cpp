@@ -78,11 +78,9 @@ std::shared_ptr<std::string> ServerRequestHandler::handle(Request* request) {
     if (dynamic_cast<GetStatusRequest*>(request))
         return std::make_shared<std::string>(handleGetStatus(*request));
     if (dynamic_cast<ShutdownRequest*>(request)) {
-        ReplyEncoder reply("AckReply", *request);
-        reply.addElement("status", "OK");
         // Only starts the shutdown, which waits for this task; the reply still goes out.
         server->stop();
-        return std::make_shared<std::string>(reply.getEncodedReply(c_indent, c_elementIndent));
+        return std::make_shared<std::string>(acknowledge(*request));
     }
     if (dynamic_cast<DisconnectRequest*>(request))
         return std::make_shared<std::string>(acknowledge(*request));

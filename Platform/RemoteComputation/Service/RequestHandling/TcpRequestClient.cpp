@@ -40,8 +40,19 @@ std::string describeHost(const std::string& prefix, const HostInfo& host) {
     return prefix + host.toString();
 }
 
-std::string readSocketPart(const std::string& text, size_t from, size_t to) {
+std::string textBetween(const std::string& text, size_t from, size_t to) {
     return text.substr(from, to == std::string::npos ? std::string::npos : to - from);
+}
+// The command that announces a memory block, then the block, which this road consumes.
+template <typename BlockAttachment>
+void sendBlock(Computing::Socket& socket, const std::string& label, const std::string& command,
+               const BlockAttachment& attachment) {
+    SocketPacket::send(
+        "C", command + attachment.getId() + " " + std::to_string(attachment.getDataSize()), socket,
+        label);
+    BinarySocketPacket::send(reinterpret_cast<char*>(attachment.getData()),
+                             attachment.getDataSize(), socket, label);
+    std::free(attachment.getData());
 }
 } // namespace
 
@@ -52,12 +63,12 @@ TcpRequestClient::TcpRequestClient(const std::string& reconnectString)
     size_t p1 = reconnectString.find(':');
     size_t p2 = p1 == std::string::npos ? p1 : reconnectString.find(':', p1 + 1);
     size_t p3 = p2 == std::string::npos ? p2 : reconnectString.find(':', p2 + 1);
-    host.setIpOrName(readSocketPart(reconnectString, 0, p1));
+    host.setIpOrName(textBetween(reconnectString, 0, p1));
     std::string portText =
-        p1 == std::string::npos ? std::string() : readSocketPart(reconnectString, p1 + 1, p2);
+        p1 == std::string::npos ? std::string() : textBetween(reconnectString, p1 + 1, p2);
     host.setRequestServerPort(static_cast<int>(boost::lexical_cast<unsigned int>(portText)));
     if (p2 != std::string::npos)
-        clientName = readSocketPart(reconnectString, p2 + 1, p3);
+        clientName = textBetween(reconnectString, p2 + 1, p3);
     if (p3 != std::string::npos)
         starter = RequestServerStarter::createFromReconnectString(reconnectString.substr(p3 + 1));
 }
@@ -340,21 +351,11 @@ void TcpRequestClient::sendRequest(const std::string& request, std::shared_ptr<P
                 } else if (auto hdfs = std::dynamic_pointer_cast<HdfsAttachment>(attachment)) {
                     KS_TRACE("Sending HdfsAttachement: id=" << hdfs->getId() << ", dataSize="
                                                             << hdfs->getDataSize());
-                    SocketPacket::send(
-                        "C", "HDFS " + hdfs->getId() + " " + std::to_string(hdfs->getDataSize()),
-                        *socket, label);
-                    BinarySocketPacket::send(reinterpret_cast<char*>(hdfs->getData()),
-                                             hdfs->getDataSize(), *socket, label);
-                    std::free(hdfs->getData());
+                    sendBlock(*socket, label, "HDFS ", *hdfs);
                 } else if (auto arch = std::dynamic_pointer_cast<ArchAttachment>(attachment)) {
                     KS_TRACE("Sending ArchAttachment: id=" << arch->getId()
                                                            << ", dataSize=" << arch->getDataSize());
-                    SocketPacket::send(
-                        "C", "ARCH " + arch->getId() + " " + std::to_string(arch->getDataSize()),
-                        *socket, label);
-                    BinarySocketPacket::send(reinterpret_cast<char*>(arch->getData()),
-                                             arch->getDataSize(), *socket, label);
-                    std::free(arch->getData());
+                    sendBlock(*socket, label, "ARCH ", *arch);
                 } else {
                     KS_ERROR("Unknown attachment type. Id=" << attachment->getId());
                 }

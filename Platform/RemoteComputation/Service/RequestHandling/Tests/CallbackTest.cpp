@@ -93,28 +93,7 @@ TEST(CallbackTest, RequestReadsAddressOrErrorMessage) {
 
 TEST(CallbackTest, HandlerThrowsForNullAndForeignRequests) {
     CallbackRequestHandler handler(ownServer());
-    LogCapture capture;
-    try {
-        handler.handle(nullptr);
-        FAIL() << "no exception";
-    } catch (const KsExceptionNested& e) {
-        EXPECT_EQ(std::string(e.what()), "Can't handle NULL request.");
-        EXPECT_EQ(e.getSource(), "RequestHandling");
-        EXPECT_EQ(e.getFunction(), "Kestrane::CallbackRequestHandler::handle");
-    }
-    EXPECT_TRUE(capture.contains(LogLevel::Error, "Can't handle NULL request."));
-    RequestEncoder abort("AbortRequest");
-    abort.addElement("requestId", UniqueID::generateId(), "  ");
-    XmlRequest abortXml(abort.getEncodedRequest(), true);
-    AbortRequest foreign(abortXml.getRootElement());
-    try {
-        handler.handle(&foreign);
-        FAIL() << "no exception";
-    } catch (const KsExceptionNested& e) {
-        EXPECT_EQ(std::string(e.what()), "Unsuported request");
-        EXPECT_EQ(e.getSource(), "Requesthandling");
-    }
-    EXPECT_TRUE(capture.contains(LogLevel::Error, "Unsuported request 'AbortRequest'."));
+    expectNullAndForeignRequestsRefused(handler, "Kestrane::CallbackRequestHandler::handle");
 }
 
 TEST(CallbackTest, IdsCountFromOne) {

@@ -139,30 +139,7 @@ TEST(ServerRequestHandlerTest, DecodesItsFourTypesAndCallbacks) {
 
 TEST(ServerRequestHandlerTest, NullAndForeignRequestsThrow) {
     ServerRequestHandler handler(ownServer());
-    LogCapture capture;
-    try {
-        handler.handle(nullptr);
-        FAIL() << "no exception";
-    } catch (const KsExceptionNested& e) {
-        EXPECT_EQ(std::string(e.what()), "Can't handle NULL request.");
-        EXPECT_EQ(e.getSource(), "RequestHandling");
-        EXPECT_EQ(e.getFunction(), "Kestrane::ServerRequestHandler::handle");
-    }
-    EXPECT_TRUE(capture.contains(LogLevel::Error, "Can't handle NULL request."));
-
-    RequestEncoder abort("AbortRequest");
-    abort.addElement("requestId", UniqueID::generateId(), "  ");
-    XmlRequest xml(abort.getEncodedRequest(), true);
-    AbortRequest foreign(xml.getRootElement());
-    try {
-        handler.handle(&foreign);
-        FAIL() << "no exception";
-    } catch (const KsExceptionNested& e) {
-        EXPECT_EQ(std::string(e.what()), "Unsuported request");
-        EXPECT_EQ(e.getSource(), "Requesthandling");
-        EXPECT_EQ(e.getFunction(), "Kestrane::ServerRequestHandler::handle");
-    }
-    EXPECT_TRUE(capture.contains(LogLevel::Error, "Unsuported request 'AbortRequest'."));
+    expectNullAndForeignRequestsRefused(handler, "Kestrane::ServerRequestHandler::handle");
 }
 
 TEST(ServerRequestHandlerTest, StatusOfPlainProcessOverLoopback) {
