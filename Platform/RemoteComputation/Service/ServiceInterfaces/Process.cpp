@@ -40,6 +40,10 @@ void Process::captureStandardOutput() {
 void Process::captureStandardError() {
     m_captureStderr = true;
 }
+void Process::captureStandardOutputAndError() {
+    m_captureStdout = true;
+    m_mergeStderr = true;
+}
 
 namespace {
 // A pipe whose write end becomes the child's descriptor `target`.
@@ -53,7 +57,7 @@ bool redirect(posix_spawn_file_actions_t& actions, int target, int fds[2], std::
 }
 } // namespace
 
-bool Process::start(StartMode) {
+bool Process::start(StartMode mode) {
     if (m_pid > 0 && !m_reaped) {
         // One child at a time: a child that has ended is reaped before the next one starts.
         int code;
@@ -63,10 +67,11 @@ bool Process::start(StartMode) {
             return false;
         }
     }
-    if (m_stdoutFd >= 0) {
-        ::close(m_stdoutFd);
-        m_stdoutFd = -1;
-    }
+    for (int* fd : {&m_stdoutFd, &m_stderrFd})
+        if (*fd >= 0) {
+            ::close(*fd);
+            *fd = -1;
+        }
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(m_executable.c_str()));
     for (auto& arg : m_arguments)
@@ -77,30 +82,53 @@ bool Process::start(StartMode) {
     posix_spawn_file_actions_init(&actions);
     int outFds[2] = {-1, -1};
     int errFds[2] = {-1, -1};
+    int outputFd = -1;
     std::string error;
     auto closeAll = [&] {
-        for (int fd : {outFds[0], outFds[1], errFds[0], errFds[1]})
+        for (int fd : {outFds[0], outFds[1], errFds[0], errFds[1], outputFd})
             if (fd >= 0)
                 ::close(fd);
     };
-    if ((m_captureStdout && !redirect(actions, STDOUT_FILENO, outFds, error)) ||
+    // Opened here rather than in the child, so that a bad path gets a message of its own.
+    if (!m_outputFile.empty()) {
+        outputFd = ::open(m_outputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        if (outputFd < 0)
+            error = "Cannot open output file '" + m_outputFile + "': " + std::strerror(errno);
+        else {
+            if (!m_captureStdout)
+                posix_spawn_file_actions_adddup2(&actions, outputFd, STDOUT_FILENO);
+            if (!m_captureStderr && !m_mergeStderr)
+                posix_spawn_file_actions_adddup2(&actions, outputFd, STDERR_FILENO);
+        }
+    }
+    if (!error.empty() || (m_captureStdout && !redirect(actions, STDOUT_FILENO, outFds, error)) ||
         (m_captureStderr && !redirect(actions, STDERR_FILENO, errFds, error))) {
         setErrorMessage(error);
         posix_spawn_file_actions_destroy(&actions);
         closeAll();
         return false;
     }
+    if (m_mergeStderr && !m_captureStderr)
+        posix_spawn_file_actions_adddup2(&actions, outFds[1], STDERR_FILENO);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    if (mode == Detached) {
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+    }
     pid_t pid = -1;
-    int rc = ::posix_spawn(&pid, m_executable.c_str(), &actions, nullptr, argv.data(), environ);
+    int rc = ::posix_spawn(&pid, m_executable.c_str(), &actions, &attributes, argv.data(), environ);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (rc != 0) {
         closeAll();
         setErrorMessage("Cannot start '" + m_executable + "': " + std::strerror(rc));
         return false;
     }
-    for (int fd : {outFds[1], errFds[1]})
+    for (int fd : {outFds[1], errFds[1], outputFd})
         if (fd >= 0)
             ::close(fd);
+    m_detached = mode == Detached;
     m_pid = pid;
     m_reaped = false;
     m_stdoutFd = outFds[0];
@@ -160,6 +188,14 @@ bool Process::kill(int signal) {
     if (m_pid <= 0 || m_reaped)
         return false;
     return ::kill(m_pid, signal) == 0;
+}
+
+bool Process::killGroup(int signal) {
+    // An Attached child shares our group: signalling it would hit this process too. Once the
+    // child is reaped its id may belong to somebody else.
+    if (m_pid <= 0 || !m_detached || m_reaped)
+        return false;
+    return ::kill(-m_pid, signal) == 0;
 }
 
 } // namespace Computing

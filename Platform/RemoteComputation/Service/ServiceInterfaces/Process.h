@@ -10,6 +10,9 @@
 namespace Kestrane {
 namespace Computing {
 
+// Attached: the child shares this process's session and standard streams. Detached: it gets a
+// session of its own (a terminal's Ctrl-C or the end of the starter's session leaves it alone,
+// and killGroup() reaches everything it started) and reads /dev/null.
 enum StartMode { Attached = 0, Detached = 1 };
 
 // A program started on this host with posix_spawn. A child is always reaped: by wait(), or, when
@@ -35,12 +38,19 @@ public:
     // Waits at most `milliseconds`; false when still running.
     bool waitFor(unsigned int milliseconds, int& exitCode);
     bool kill(int signal);
+    // Signals the child's whole process group; only a Detached child has one of its own.
+    bool killGroup(int signal);
 
     // Standard output / error of the child through pipes, when asked for before start().
     void captureStandardOutput();
     void captureStandardError();
+    // Standard output and error through one pipe (getStandardOutputFd()), in the order written.
+    void captureStandardOutputAndError();
     int getStandardOutputFd() const { return m_stdoutFd; }
     int getStandardErrorFd() const { return m_stderrFd; }
+    // Appends the child's standard output and error (those not captured) to this file, created
+    // with mode 0644 when missing. Asked for before start().
+    void setOutputFile(const std::string& path) { m_outputFile = path; }
 
 private:
     bool reap(bool block, int& exitCode);
@@ -52,6 +62,9 @@ private:
     int m_exitCode = -1;
     bool m_captureStdout = false;
     bool m_captureStderr = false;
+    bool m_mergeStderr = false;
+    bool m_detached = false;
+    std::string m_outputFile;
     int m_stdoutFd = -1;
     int m_stderrFd = -1;
 };

@@ -44,6 +44,8 @@ enum Setting {
     ComputationCores,
     KeepTempFiles,
     SocketTimeout,
+    RemoteServiceKeyFile,
+    JobSchedulerCommandTimeout,
     SettingCount
 };
 
@@ -174,6 +176,10 @@ RequestServerConfiguration::describeSettings() {
              "Keep temporary files instead of deleting them"),
         info("socketTimeout", Kind::UInt32, "300", "s",
              "Longest silence inside a conversation before the connection is given up; 0: none"),
+        info("remoteServiceKeyFile", Kind::Text, "", "path",
+             "Key file shared with the starter services (empty: ~/.kestrane/remote-service.key)"),
+        info("jobSchedulerCommandTimeout", Kind::UInt32, "120", "s",
+             "Time limit of one job scheduler command (submit, status, kill); 0: none"),
     };
     return settings;
 }
@@ -189,7 +195,8 @@ RequestServerConfiguration* RequestServerConfiguration::getRegisteredInstance() 
     return instance;
 }
 
-RequestServerConfiguration::RequestServerConfiguration() : m_numbers(SettingCount) {
+RequestServerConfiguration::RequestServerConfiguration()
+    : m_numbers(SettingCount), m_texts(SettingCount) {
     resetToDefaults();
 }
 
@@ -199,7 +206,9 @@ void RequestServerConfiguration::resetToDefaults() {
         if (settings[i].kind != Kind::Text)
             m_numbers[i].store(parseValue(settings[i], i, settings[i].defaultValue));
     std::lock_guard<std::mutex> lock(m_textMutex);
-    m_localHost.clear();
+    for (size_t i = 0; i < settings.size(); ++i)
+        if (settings[i].kind == Kind::Text)
+            m_texts[i] = settings[i].defaultValue;
 }
 
 void RequestServerConfiguration::applyEnvironment() {
@@ -221,7 +230,7 @@ void RequestServerConfiguration::setValue(const std::string& name, const std::st
     const auto& setting = describeSettings()[index];
     if (setting.kind == Kind::Text) {
         std::lock_guard<std::mutex> lock(m_textMutex);
-        m_localHost = value;
+        m_texts[index] = value;
         return;
     }
     m_numbers[index].store(parseValue(setting, index, value));
@@ -231,7 +240,7 @@ std::string RequestServerConfiguration::getValueText(const std::string& name) co
     size_t index = indexOf(name);
     const auto& setting = describeSettings()[index];
     if (setting.kind == Kind::Text)
-        return getLocalHost();
+        return index == LocalHost ? getLocalHost() : text(index);
     if (setting.kind == Kind::Bool)
         return number(index) ? "true" : "false";
     return std::to_string(number(index));
@@ -287,13 +296,13 @@ uint16_t RequestServerConfiguration::getListenPort() const {
 uint16_t RequestServerConfiguration::getPortRange() const {
     return number(PortRange);
 }
+std::string RequestServerConfiguration::text(size_t index) const {
+    std::lock_guard<std::mutex> lock(m_textMutex);
+    return m_texts[index];
+}
 std::string RequestServerConfiguration::getLocalHost() const {
-    {
-        std::lock_guard<std::mutex> lock(m_textMutex);
-        if (!m_localHost.empty())
-            return m_localHost;
-    }
-    return Computing::Utility::getHostName();
+    std::string host = text(LocalHost);
+    return host.empty() ? Computing::Utility::getHostName() : host;
 }
 bool RequestServerConfiguration::getAutoShutdown() const {
     return number(AutoShutdown) != 0;
@@ -315,6 +324,12 @@ unsigned int RequestServerConfiguration::getMaxGetStatusTime() const {
 }
 unsigned int RequestServerConfiguration::getCallbackTimeout() const {
     return number(CallbackTimeout);
+}
+std::string RequestServerConfiguration::getRemoteServiceKeyFile() const {
+    return text(RemoteServiceKeyFile);
+}
+unsigned int RequestServerConfiguration::getJobSchedulerCommandTimeout() const {
+    return number(JobSchedulerCommandTimeout);
 }
 unsigned int RequestServerConfiguration::getJSUpdateInterval() const {
     return number(JSUpdateInterval);

@@ -51,6 +51,10 @@ public:
     int getComputationCores() const;
     bool keepTempFiles() const;
     unsigned int getSocketTimeout() const;
+    // Key file shared with the starter services; empty: RemoteServiceKey::defaultPath().
+    std::string getRemoteServiceKeyFile() const;
+    // Seconds one job scheduler command may take before it is stopped; 0: no limit.
+    unsigned int getJobSchedulerCommandTimeout() const;
 
     // Sets a setting by name from text; throws KsException naming the setting when the name is
     // unknown or the value is not valid.
@@ -65,11 +69,12 @@ private:
     RequestServerConfiguration();
     size_t indexOf(const std::string& name) const;
     int64_t number(size_t index) const { return m_numbers[index].load(std::memory_order_relaxed); }
+    std::string text(size_t index) const;
     void applyEnvironment();
 
     std::vector<std::atomic<int64_t>> m_numbers;
     mutable std::mutex m_textMutex;
-    std::string m_localHost;
+    std::vector<std::string> m_texts; // by setting index; used by the text settings only
 };
 
 } // namespace Kestrane

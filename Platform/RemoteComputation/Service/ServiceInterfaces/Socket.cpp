@@ -113,6 +113,7 @@ bool Socket::fillBuffer() {
         }
         if (got < 0 && errno == EINTR)
             continue;
+        m_receiveTimedOut = got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
         return false; // closed, failed or timed out
     }
 }
@@ -320,38 +321,72 @@ int openListening(int& family) {
     return fd;
 }
 
-bool bindTo(int fd, int family, int port) {
+// The first address of `host` for a listening socket; throws Computing::Error when there is none.
+sockaddr_storage resolveBindAddress(const std::string& host) {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE;
+    addrinfo* found = nullptr;
+    int rc = ::getaddrinfo(host.c_str(), nullptr, &hints, &found);
+    if (rc != 0 || !found)
+        throw Error("bind address " + host, rc == 0 ? "no address" : ::gai_strerror(rc));
     sockaddr_storage address{};
+    std::memcpy(&address, found->ai_addr, found->ai_addrlen);
+    ::freeaddrinfo(found);
+    return address;
+}
+
+bool bindTo(int fd, const sockaddr_storage& given, int port) {
+    sockaddr_storage address = given;
     socklen_t length;
-    if (family == AF_INET6) {
-        auto v6 = reinterpret_cast<sockaddr_in6*>(&address);
-        v6->sin6_family = AF_INET6;
-        v6->sin6_addr = in6addr_any;
-        v6->sin6_port = htons(static_cast<uint16_t>(port));
+    if (address.ss_family == AF_INET6) {
+        reinterpret_cast<sockaddr_in6*>(&address)->sin6_port = htons(static_cast<uint16_t>(port));
         length = sizeof(sockaddr_in6);
     } else {
-        auto v4 = reinterpret_cast<sockaddr_in*>(&address);
-        v4->sin_family = AF_INET;
-        v4->sin_addr.s_addr = htonl(INADDR_ANY);
-        v4->sin_port = htons(static_cast<uint16_t>(port));
+        reinterpret_cast<sockaddr_in*>(&address)->sin_port = htons(static_cast<uint16_t>(port));
         length = sizeof(sockaddr_in);
     }
     return ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0;
 }
+
+// The wildcard address of `family`.
+sockaddr_storage anyAddress(int family) {
+    sockaddr_storage address{};
+    if (family == AF_INET6) {
+        auto v6 = reinterpret_cast<sockaddr_in6*>(&address);
+        v6->sin6_family = AF_INET6;
+        v6->sin6_addr = in6addr_any;
+    } else {
+        auto v4 = reinterpret_cast<sockaddr_in*>(&address);
+        v4->sin_family = AF_INET;
+        v4->sin_addr.s_addr = htonl(INADDR_ANY);
+    }
+    return address;
+}
 } // namespace
 
-ListenSocket::ListenSocket(int port, int portRange, int backlog) {
+ListenSocket::ListenSocket(int port, int portRange, int backlog, const std::string& bindAddress) {
     if (port < 0 || port > 65535)
         throw Error("bind", "port " + std::to_string(port) + " out of range");
-    int family = AF_INET;
-    m_fd = openListening(family);
+    sockaddr_storage address;
+    if (bindAddress.empty()) {
+        int family = AF_INET;
+        m_fd = openListening(family);
+        address = anyAddress(family);
+    } else {
+        address = resolveBindAddress(bindAddress);
+        m_fd = ::socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (m_fd < 0)
+            throw Error("socket", errno);
+    }
     int one = 1;
     setsockopt(m_fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
     int count = (port == 0 || portRange < 1) ? 1 : portRange;
     int lastError = EADDRINUSE;
     bool bound = false;
     for (int i = 0; i < count && port + i <= 65535; ++i) {
-        if (bindTo(m_fd, family, port + i)) {
+        if (bindTo(m_fd, address, port + i)) {
             bound = true;
             break;
         }
@@ -371,7 +406,6 @@ ListenSocket::ListenSocket(int port, int portRange, int backlog) {
         m_fd = -1;
         throw Error("listen", error);
     }
-    sockaddr_storage address{};
     socklen_t length = sizeof(address);
     ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
     m_port = address.ss_family == AF_INET6

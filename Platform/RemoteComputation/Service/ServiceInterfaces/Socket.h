@@ -39,6 +39,9 @@ public:
 
     // Time limit of a single read or write in milliseconds; 0 means none.
     void setTimeout(unsigned int milliseconds);
+    // Whether the last receive that came short ran into the time limit (rather than a close or
+    // a failure), so that a reader can tell a silent peer from a gone one.
+    bool receiveTimedOut() const { return m_receiveTimedOut; }
     bool isOpen() const { return m_socket != c_invalid; }
     void close();
 
@@ -52,6 +55,7 @@ protected:
     size_t m_readPos = 0;
     size_t m_readEnd = 0;
     std::string m_pending;
+    bool m_receiveTimedOut = false;
 };
 
 class ClientSocket : public Socket {
@@ -69,10 +73,11 @@ public:
 };
 
 // A listening socket bound to the first free port of `portRange` ports starting at `port`
-// (port 0: the system picks one).
+// (port 0: the system picks one), on all addresses or on `bindAddress` (a name or an IPv4 or
+// IPv6 address).
 class ListenSocket {
 public:
-    ListenSocket(int port, int portRange, int backlog);
+    ListenSocket(int port, int portRange, int backlog, const std::string& bindAddress = "");
     ~ListenSocket();
     ListenSocket(const ListenSocket&) = delete;
     ListenSocket& operator=(const ListenSocket&) = delete;

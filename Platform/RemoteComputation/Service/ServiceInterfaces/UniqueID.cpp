@@ -1,9 +1,9 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/UniqueID.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Gcrypt.h"
 
 #include <gcrypt.h>
 
 #include <cstdio>
-#include <mutex>
 #include <random>
 #include <unistd.h>
 
@@ -58,17 +58,6 @@ bool UniqueID::isValid(const std::string& text) {
     }
     return true;
 }
-
-namespace {
-void initialiseGcrypt() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        gcry_check_version(GCRYPT_VERSION);
-        gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
-        gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
-    });
-}
-} // namespace
 
 std::string TigerHash::tHash(const std::string& text) {
     initialiseGcrypt();

@@ -367,7 +367,7 @@ TEST_F(RequestServerConfigurationTest, UnknownElementInFileIsRejected) {
 
 TEST_F(RequestServerConfigurationTest, DescribeSettingsNamesTheEnvironmentVariables) {
     const auto& settings = RequestServerConfiguration::describeSettings();
-    EXPECT_EQ(settings.size(), 23u);
+    EXPECT_EQ(settings.size(), 25u);
     std::set<std::string> names, variables;
     for (const auto& setting : settings) {
         EXPECT_EQ(setting.environment, "KS_" + upperSnake(setting.name)) << setting.name;
@@ -383,6 +383,24 @@ TEST_F(RequestServerConfigurationTest, DescribeSettingsNamesTheEnvironmentVariab
     EXPECT_EQ(variables.count("KS_R_PING_INTERVAL_SEC"), 1u);
     EXPECT_EQ(variables.count("KS_LOCAL_R_PING_INTERVAL_SEC"), 1u);
     EXPECT_EQ(variables.count("KS_FILE_TRANSFER_PROGRESS_FIRST_UPDATE_DELAY"), 1u);
+    EXPECT_EQ(variables.count("KS_REMOTE_SERVICE_KEY_FILE"), 1u);
+    EXPECT_EQ(variables.count("KS_JOB_SCHEDULER_COMMAND_TIMEOUT"), 1u);
+}
+
+TEST_F(RequestServerConfigurationTest, TextSettingsAreKeptApart) {
+    auto config = RequestServerConfiguration::getRegisteredInstance();
+    EXPECT_EQ(config->getRemoteServiceKeyFile(), "");
+    EXPECT_EQ(config->getJobSchedulerCommandTimeout(), 120u);
+    config->setValue("remoteServiceKeyFile", "/etc/ks/key");
+    config->setValue("localHost", "somehost");
+    EXPECT_EQ(config->getRemoteServiceKeyFile(), "/etc/ks/key");
+    EXPECT_EQ(config->getValueText("remoteServiceKeyFile"), "/etc/ks/key");
+    EXPECT_EQ(config->getLocalHost(), "somehost");
+    config->setValue("localHost", "");
+    EXPECT_EQ(config->getRemoteServiceKeyFile(), "/etc/ks/key");
+    config->resetToDefaults();
+    EXPECT_EQ(config->getRemoteServiceKeyFile(), "");
+    EXPECT_THROW(config->setValue("jobSchedulerCommandTimeout", "soon"), KsException);
 }
 
 TEST_F(RequestServerConfigurationTest, EnvironmentIsReadAtFirstUse) {

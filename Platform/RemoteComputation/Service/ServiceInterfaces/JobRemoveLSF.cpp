@@ -1,0 +1,19 @@
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/JobRemoveLSF.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/JobSchedulerScript.h"
+
+namespace Kestrane {
+namespace Computing {
+
+bool JobRemoveLSF::execute(int job, const std::string& cluster, std::string& message) {
+    JobSchedulerScript script(cluster);
+    if (!script.run({"kill", std::to_string(job)}, message)) {
+        setErrorMessage(script.getErrorMessage());
+        JobSchedulerScript::appendLine(message, getErrorMessage());
+        return false;
+    }
+    setErrorMessage("");
+    return true;
+}
+
+} // namespace Computing
+} // namespace Kestrane
