@@ -1,8 +1,10 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/CallbackRequestHandler.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/CallbackRequest.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/Progress.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyEncoder.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/XmlRequest.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/JobStatusLSF.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
@@ -117,6 +119,56 @@ unsigned int CallbackRequestHandler::waitForCallback(const std::string& id,
     unsigned int port = callbacks[id].port;
     KS_DEBUG("Callback " << id << " received (port = " << port << ").");
     return port;
+}
+
+std::pair<std::string, unsigned int> CallbackRequestHandler::waitForJobSchedulerCallback(
+    const std::string& id, const std::string& script, int jobId, std::string& errorMessage,
+    std::shared_ptr<Progress> progress) {
+    const unsigned int interval =
+        RequestServerConfiguration::getRegisteredInstance()->getJSUpdateInterval();
+    boost::unique_lock<boost::mutex> lock(callbackMutex);
+    Computing::LSFJobStatus status = Computing::LSFJobStatus::Unknown;
+    std::string message;
+    // A scheduler command may take a while: callbacks are stored meanwhile, and the map is
+    // looked at again afterwards.
+    auto queryStatus = [&] {
+        lock.unlock();
+        bool known = Computing::JobStatusLSF().execute(jobId, script, status, message);
+        lock.lock();
+        if (!known) {
+            KS_ERROR("Callback NOT received Error getting job status:\n" << message);
+            errorMessage =
+                "Error getting status for job " + std::to_string(jobId) + " from job scheduler.";
+        }
+        return known;
+    };
+    if (!queryStatus())
+        return {};
+    KS_TRACE(message);
+    // Pending (0) and running (1) jobs may still call back; every later state will not.
+    while (callbacks.count(id) == 0 && static_cast<int>(status) <= 1) {
+        callbackCondition.wait_until(lock, Clock::now() + boost::chrono::seconds(interval));
+        if (!queryStatus())
+            return {};
+        KS_TRACE("Waiting for callback: " << message);
+        if (progress) {
+            lock.unlock();
+            progress->handleLogMessage(LogMessage("18446744073709551615 Waiting for job scheduler "
+                                                  "to start job " +
+                                                      std::to_string(jobId) + "...\n" + message +
+                                                      "\n",
+                                                  LogMessage::Info, "jobLog"));
+            lock.lock();
+        }
+    }
+    auto callback = callbacks.find(id);
+    if (callback == callbacks.end()) {
+        errorMessage = "Error staring job with job scheduler: job not running anymore!";
+        KS_ERROR("Callback NOT received Error getting job status:\n" << message);
+        return {};
+    }
+    KS_DEBUG("JobScheduler callback " << id << " received.");
+    return {callback->second.host, callback->second.port};
 }
 
 } // namespace Kestrane

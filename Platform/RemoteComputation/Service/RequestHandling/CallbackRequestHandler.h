@@ -8,9 +8,11 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace Kestrane {
 
+class Progress;
 class RequestServer;
 
 // Receives the callbacks of started servers and wakes the starter that waits for one. The state
@@ -29,6 +31,13 @@ public:
     // The port of the server that called back; 0 after a time-out or an error callback, with the
     // reason in `errorMessage`.
     static unsigned int waitForCallback(const std::string& id, std::string& errorMessage);
+    // Host and port of the server that job `jobId` runs, asking the job scheduler through
+    // `script` every jsUpdateInterval seconds (or at a callback) whether the job may still call
+    // back; no time limit. An empty host and port 0 with `errorMessage` when the job has ended
+    // or its state can't be had. Error callbacks are not looked at.
+    static std::pair<std::string, unsigned int>
+    waitForJobSchedulerCallback(const std::string& id, const std::string& script, int jobId,
+                                std::string& errorMessage, std::shared_ptr<Progress> progress);
 
 private:
     struct Callback {

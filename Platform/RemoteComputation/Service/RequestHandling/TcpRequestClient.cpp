@@ -4,6 +4,8 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/FileAttachment.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/HdfsAttachment.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/HostAndUserId.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/JobSchedulerRequestServerStarter.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/LocalRequestServerStarter.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Reply.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyHandler.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyPackage.h"
@@ -116,7 +118,7 @@ void TcpRequestClient::clearReconnect() {
 }
 
 bool TcpRequestClient::isLocal() const {
-    return starter && starter->startsLocalProcess();
+    return std::dynamic_pointer_cast<LocalRequestServerStarter>(starter) != nullptr;
 }
 
 bool TcpRequestClient::isRequestPending(const std::string&, bool&, std::string&, unsigned long&,
@@ -541,8 +543,10 @@ std::shared_ptr<Reply> TcpRequestClient::sendGetStatusRequest() {
 
 void TcpRequestClient::killJobSchedulerJob() {
     KS_INFO("Killing jobScheduler job...");
-    // Only a job scheduler starter can kill its job; none is part of this client.
-    KS_ERROR("Kill failed. RequestServerStarter is not JobSchedulerRequestServerStarter.");
+    if (auto jobStarter = std::dynamic_pointer_cast<JobSchedulerRequestServerStarter>(starter))
+        jobStarter->killJobSchedulerjob();
+    else
+        KS_ERROR("Kill failed. RequestServerStarter is not JobSchedulerRequestServerStarter.");
 }
 
 } // namespace Kestrane

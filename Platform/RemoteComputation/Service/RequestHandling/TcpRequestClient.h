@@ -72,16 +72,22 @@ public:
     void shutdownRequestServer();
     // Never throws: failures come back as a RequestServerUnreachableReply.
     std::shared_ptr<Reply> sendGetStatusRequest();
+    // Removes the job of a job scheduler starter from the scheduler; logs an error for any
+    // other starter.
     void killJobSchedulerJob();
 
     std::string getReconnectString() const;
     void clearReconnect();
+    // Whether the starter runs the server on this host (a LocalRequestServerStarter); the reply
+    // handler then checks the server at the shorter local interval.
     bool isLocal() const;
     // Always true in this version: callers go on waiting.
     bool isRequestPending(const std::string& requestId, bool& running, std::string& status,
                           unsigned long& progress, std::string& message);
 
     const HostInfo& getHost() const { return host; }
+    // How a server is started when none is known; null for a client without one.
+    std::shared_ptr<RequestServerStarter> getStarter() const { return starter; }
     int getPublisherPort() const { return host.getPublisherPort(); }
     void setPublisherPort(int port) { host.setPublisherPort(port); }
     void setPropagateAliveMessages(bool propagate) { propagateAliveMessages = propagate; }

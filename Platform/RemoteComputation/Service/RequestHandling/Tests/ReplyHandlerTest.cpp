@@ -1,11 +1,11 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyHandler.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/LocalRequestServerStarter.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Progress.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Reply.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyEncoder.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyPackage.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyPackageEncoder.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
-#include "Platform/RemoteComputation/Service/RequestHandling/RequestServerStarter.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/StandardRequestSchema.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/TcpRequestClient.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/AbstractJobLog.h"
@@ -507,19 +507,6 @@ TEST_F(ReplyHandlerTest, MaxWaitTimeFiveWithASilentServerGivesTheVerdictForFiveS
     EXPECT_EQ(handler.getPendingRepliesCount(), 0);
 }
 
-namespace {
-
-// Names nothing and starts nothing: it only makes its client count as local.
-class LocalStarter : public RequestServerStarter {
-public:
-    LocalStarter() : RequestServerStarter("local-server", GenericJobId(), "") {}
-    bool startRequestServer() override { return false; }
-    std::string getReconnectString() const override { return "LOCAL"; }
-    bool startsLocalProcess() const override { return true; }
-};
-
-} // namespace
-
 // A local server is checked at the local interval: with a publisher that never speaks, the
 // not-alive verdict comes within a few seconds, not after the ten of the remote interval.
 TEST_F(ReplyHandlerTest, LocalClientIsCheckedAtTheLocalInterval) {
@@ -528,7 +515,9 @@ TEST_F(ReplyHandlerTest, LocalClientIsCheckedAtTheLocalInterval) {
     configure("maxAliveAge", "1");
     HostInfo silent = deadHost();
     silent.setPublisherPort(closedPort());
-    TcpRequestClient client("local", std::make_shared<LocalStarter>(), silent);
+    // The starter is never asked to start: the client has a host. It only makes it local.
+    auto starter = std::make_shared<LocalRequestServerStarter>("local-server", GenericJobId(), "");
+    TcpRequestClient client("local", starter, silent);
     ASSERT_TRUE(client.isLocal());
     auto start = std::chrono::steady_clock::now();
     auto package = handler.receiveReply(id, &client, nullptr, nullptr, client.getPublisherPort(),
