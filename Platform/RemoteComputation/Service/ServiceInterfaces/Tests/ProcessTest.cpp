@@ -178,3 +178,78 @@ TEST(ProcessTest, StartAgainAfterTheEndReapsTheFirstChild) {
     EXPECT_FALSE(procEntryExists(first)) << "the first child was left a zombie";
     EXPECT_EQ(process.wait(), 4);
 }
+
+TEST(ProcessTest, DetachedChildHasASessionOfItsOwnAndReadsDevNull) {
+    Process process("/bin/sh", {"-c", "ps -o sid= -p $$ | tr -d ' '; readlink /proc/$$/fd/0; cat"});
+    process.captureStandardOutput();
+    ASSERT_TRUE(process.start(Detached));
+    EXPECT_EQ(process.wait(), 0);
+    std::string out = readAll(process.getStandardOutputFd());
+    EXPECT_EQ(out, std::to_string(process.getPid()) + "\n/dev/null\n") << out;
+}
+
+TEST(ProcessTest, AttachedChildSharesTheSession) {
+    Process process("/bin/sh", {"-c", "ps -o sid= -p $$"});
+    process.captureStandardOutput();
+    ASSERT_TRUE(process.start(Attached));
+    EXPECT_EQ(process.wait(), 0);
+    std::string out = readAll(process.getStandardOutputFd());
+    EXPECT_EQ(std::stol(out), static_cast<long>(::getsid(0))) << out;
+    EXPECT_FALSE(process.killGroup(SIGTERM)) << "an attached child shares our group";
+}
+
+TEST(ProcessTest, OutputFileCollectsBothStreamsAndIsAppendedTo) {
+    TestSupport::TempDir dir;
+    const std::string file = dir.file("out.log");
+    TestSupport::writeFile(file, "before\n");
+    Process process("/bin/sh", {"-c", "echo out; echo err >&2"});
+    process.setOutputFile(file);
+    ASSERT_TRUE(process.start(Detached));
+    EXPECT_EQ(process.wait(), 0);
+    EXPECT_EQ(TestSupport::readFile(file), "before\nout\nerr\n");
+
+    Process fresh("/bin/sh", {"-c", "echo new"});
+    fresh.setOutputFile(dir.file("new.log"));
+    ASSERT_TRUE(fresh.start(Detached));
+    fresh.wait();
+    struct stat info;
+    ASSERT_EQ(::stat(dir.file("new.log").c_str(), &info), 0);
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    EXPECT_EQ(info.st_mode & 0777, 0644u & ~mask);
+}
+
+TEST(ProcessTest, AnOutputFileThatCannotBeOpenedIsTheStartsError) {
+    Process process("/bin/true", {});
+    process.setOutputFile("/no/such/dir/out.log");
+    EXPECT_FALSE(process.start(Detached));
+    EXPECT_EQ(process.getErrorMessage(),
+              "Cannot open output file '/no/such/dir/out.log': No such file or directory");
+    EXPECT_EQ(process.getPid(), -1);
+}
+
+TEST(ProcessTest, OutputAndErrorThroughOnePipeInTheOrderWritten) {
+    Process process("/bin/sh", {"-c", "echo 1; echo 2 >&2; echo 3"});
+    process.captureStandardOutputAndError();
+    ASSERT_TRUE(process.start(Detached));
+    EXPECT_EQ(process.wait(), 0);
+    EXPECT_EQ(readAll(process.getStandardOutputFd()), "1\n2\n3\n");
+    EXPECT_EQ(process.getStandardErrorFd(), -1);
+}
+
+TEST(ProcessTest, KillGroupReachesWhatADetachedChildStarted) {
+    TestSupport::TempDir dir;
+    Process process("/bin/sh",
+                    {"-c", "sleep 30 & echo $! > '" + dir.file("grandchild") + "'; wait"});
+    ASSERT_TRUE(process.start(Detached));
+    ASSERT_TRUE(waitUntil([&] { return !TestSupport::readFile(dir.file("grandchild")).empty(); },
+                          std::chrono::milliseconds(3000)));
+    const pid_t grandchild =
+        static_cast<pid_t>(std::stol(TestSupport::readFile(dir.file("grandchild"))));
+    EXPECT_TRUE(process.killGroup(SIGKILL));
+    EXPECT_EQ(process.wait(), 128 + SIGKILL);
+    EXPECT_TRUE(
+        waitUntil([&] { return procState(grandchild) == 0 || procState(grandchild) == 'Z'; },
+                  std::chrono::milliseconds(3000)));
+    EXPECT_FALSE(process.killGroup(SIGKILL)) << "a reaped child's id may belong to another";
+}

@@ -154,7 +154,9 @@ TEST(SocketTest, ReceiveIsFalseWhenThePeerCloses) {
     EXPECT_FALSE(pair.client->isOpen());
     char buffer[10];
     EXPECT_FALSE(pair.server->receiveDataBlock(buffer, 10));
+    EXPECT_FALSE(pair.server->receiveTimedOut());
     EXPECT_FALSE(pair.server->receiveDataBlock(buffer, 1));
+    EXPECT_FALSE(pair.server->receiveTimedOut());
 }
 
 TEST(SocketTest, ReceiveIsFalseWhenThePeerClosesBeforeALargeBlock) {
@@ -205,6 +207,7 @@ TEST(SocketTest, TimeoutEndsAReadOnASilentPeer) {
     char buffer[4];
     auto start = Clock::now();
     EXPECT_FALSE(pair.server->receiveDataBlock(buffer, 4));
+    EXPECT_TRUE(pair.server->receiveTimedOut());
     auto elapsed = Clock::now() - start;
     EXPECT_GE(elapsed, std::chrono::milliseconds(80));
     EXPECT_LT(elapsed, std::chrono::seconds(3));
@@ -421,4 +424,27 @@ TEST(SocketTest, BytesArriveInOrderAcrossManyBlocks) {
     }
     sender.join();
     EXPECT_TRUE(inOrder);
+}
+
+TEST(SocketTest, ListenOnOneAddressOnly) {
+    ListenSocket listener(0, 1, 10, "127.0.0.2");
+    const int port = listener.getListenPort();
+    EXPECT_GT(port, 0);
+    ClientSocket there;
+    there.connect("127.0.0.2", port);
+    ServerSocket accepted(listener.accept());
+    EXPECT_EQ(accepted.getServerIPaddress(), "127.0.0.2");
+    ClientSocket elsewhere;
+    EXPECT_THROW(elsewhere.connect("127.0.0.1", port), Error);
+}
+
+TEST(SocketTest, ListenOnAnAddressThatIsNotThereThrows) {
+    try {
+        ListenSocket listener(0, 1, 10, "no-such-host.invalid");
+        ADD_FAILURE() << "bound to a host that does not exist";
+    } catch (const Error& e) {
+        EXPECT_EQ(e.getCall(), "bind address no-such-host.invalid");
+    }
+    // An address of another machine can't be bound here.
+    EXPECT_THROW(ListenSocket(0, 1, 10, "192.0.2.1"), Error);
 }
