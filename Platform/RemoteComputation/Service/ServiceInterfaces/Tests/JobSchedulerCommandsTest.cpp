@@ -4,6 +4,7 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/JobSubmitLSF.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Tests/TestHelpers.h"
+#include "Platform/RemoteComputation/TestSupport/FakeLsf.h"
 
 #include <gtest/gtest.h>
 
@@ -242,44 +243,14 @@ TEST(JobSchedulerCommandsTest, FindValueTakesWholeLinesOnly) {
 
 // ---- through the LSF adapter and the fake LSF commands ----
 
-namespace {
-
-class FakeLsf {
-public:
-    FakeLsf() {
-        const char* path = std::getenv("PATH");
-        m_oldPath = path ? path : "";
-        ::setenv("PATH",
-                 (std::string(KS_SOURCE_DIR) +
-                  "/Platform/RemoteComputation/TestSupport/"
-                  "fake-lsf:" +
-                  m_oldPath)
-                     .c_str(),
-                 1);
-        ::setenv("FAKE_LSF_DIR", m_dir.file("lsf").c_str(), 1);
-        ::setenv("KS_JOB_STATE_DIR", m_dir.file("state").c_str(), 1);
-    }
-    ~FakeLsf() { ::setenv("PATH", m_oldPath.c_str(), 1); }
-    std::string file(const std::string& name) const { return m_dir.file(name); }
-    static std::string adapter() {
-        return std::string(KS_SOURCE_DIR) + "/scripts/job-schedulers/lsf";
-    }
-
-private:
-    TempDir m_dir;
-    std::string m_oldPath;
-};
-
-} // namespace
-
 TEST(JobSchedulerCommandsTest, LsfJobIsSubmittedWatchedAndKilled) {
-    FakeLsf lsf;
+    Testing::FakeLsf lsf;
     const std::string marker = lsf.file("ran");
     LSFSubmitInfo info;
     info.jobName = "ks server";
     info.cores = 2;
     info.minimumCores = 1;
-    info.script = FakeLsf::adapter();
+    info.script = Testing::FakeLsf::adapter();
     info.tmpPath = lsf.file("tmp");
     std::string message;
     JobSubmitLSF submit;
