@@ -59,7 +59,7 @@ std::string RequestServerProgramOptions::usage() {
            "                  NAME:IP:PORT:ID); exit 1 if that fails. A server that\n"
            "                  cannot start reports its error there\n"
            "  -jobId ID       the computation job this server works for (shown in its status)\n"
-           "  -logLevel L     TRACE, DEBUG, INFO, WARN, ERROR or FATAL (default INFO)\n"
+           "  -logLevel L     TRACE, DEBUG, INFO, WARN, ERROR, FATAL or OFF (default INFO)\n"
            "  -logFile PATH   also log to this file; -logFileSuffix S goes before its extension\n"
            "Prints 'PORT <n>' as its first line once it listens, and 'PUBLISHER <n>' (the port\n"
            "of its heartbeat publisher, -1 when none) as its second. SIGINT or SIGTERM stop it.\n";

@@ -35,6 +35,24 @@ void watchSignals(sigset_t signals, RequestServer* server) {
     }
 }
 
+// Tells the waiting starter why this server does not come, so that it need not wait for its
+// whole callback time-out. Without a server the callback's schema type is not known yet: the
+// server registers it.
+void reportStartFailure(const std::string& callback, const std::string& error) {
+    if (callback.empty())
+        return;
+    RequestHandler::getDefaultRequestHandler()->addRequestSchema(ServerRequestSchema());
+    CallbackRequest::sendCallbackRequest(callback, error);
+}
+
+// The value of "-c" in a command line that could not be parsed as a whole.
+std::string callbackOf(const std::vector<std::string>& args) {
+    for (size_t i = 0; i + 1 < args.size(); ++i)
+        if (args[i] == "-c")
+            return args[i + 1];
+    return std::string();
+}
+
 RequestServer* startServer(const RequestServerProgramOptions& options) {
     auto config = RequestServerConfiguration::getRegisteredInstance();
     if (options.portRange) {
@@ -55,8 +73,9 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     RequestServerProgramOptions options;
+    const std::vector<std::string> commandLine(argv + 1, argv + argc);
     try {
-        std::vector<std::string> args(argv + 1, argv + argc);
+        std::vector<std::string> args = commandLine;
         LoggingSettings::get()->applyEnvironment();
         LoggingSettings::get()->parseCommandLine(args);
         options = RequestServerProgramOptions::parse(args);
@@ -64,6 +83,13 @@ int main(int argc, char** argv) {
     } catch (const std::exception& e) {
         std::cerr << "ks-request-server: " << e.what() << "\n"
                   << RequestServerProgramOptions::usage();
+        try {
+            reportStartFailure(callbackOf(commandLine),
+                               std::string("ks-request-server: ") + e.what());
+        } catch (const std::exception&) {
+            // A setting that can't be read leaves no way to call back; the exit code tells.
+        }
+        Logging::flush();
         return 2;
     }
     if (options.help) {
@@ -82,12 +108,7 @@ int main(int argc, char** argv) {
     }
     if (!server) {
         std::cerr << "ks-request-server: " << startError << "\n";
-        // The starter would otherwise wait for its whole callback time-out. Without a server
-        // the callback's schema type is not known yet: the server registers it.
-        if (!options.callback.empty()) {
-            RequestHandler::getDefaultRequestHandler()->addRequestSchema(ServerRequestSchema());
-            CallbackRequest::sendCallbackRequest(options.callback, startError);
-        }
+        reportStartFailure(options.callback, startError);
         Logging::flush();
         return 1;
     }

@@ -24,9 +24,14 @@ constexpr int LocalError = 3;
 //   ks test HOST:PORT COMMAND [DATA] [--file PATH] [--force-transfer]
 //   ks abort HOST:PORT REQUEST_ID
 //   ks shutdown HOST:PORT
+//   ks start local | remote HOST:PORT | scheduler SCRIPT [--executable PATH] [--cores N]
+//            [--min-cores M] [--job-name NAME] [-- SERVER-ARGS]
 // with --timeout S and --quiet for every command, and --help.
 struct ClientOptions {
-    enum class Command { None, Ping, Status, Test, Abort, Shutdown };
+    enum class Command { None, Ping, Status, Test, Abort, Shutdown, Start };
+    // How `start` brings a server up: a process here, the starter service at HOST:PORT, or a
+    // job through a job scheduler adapter.
+    enum class StartKind { Local, Remote, Scheduler };
 
     Command command = Command::None;
     std::string host;
@@ -40,6 +45,15 @@ struct ClientOptions {
     bool forceTransfer = false;
     // abort: the id of the running request.
     std::string requestId;
+    // start: how, the program (empty: the ks-request-server beside ks), the arguments it gets
+    // besides those of the starter, and for a job its cores and name.
+    StartKind startKind = StartKind::Local;
+    std::string script;
+    std::string executable;
+    std::vector<std::string> serverArgs;
+    int cores = 1;
+    int minimumCores = 1;
+    std::string jobName = "ks-request-server";
     // Seconds to wait for a reply; 0: no limit (the heartbeat still tells a dead server).
     unsigned int timeout = 0;
     // No progress lines, only the outcome.

@@ -1,6 +1,7 @@
 #include "KsClient.h"
 
 #include "ProgressPrinter.h"
+#include "ServerStart.h"
 #include "StatusText.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/KSData.h"
@@ -369,10 +370,25 @@ ClientOutcome KsClient::shutdown(std::chrono::milliseconds stopWait) {
     return outcome;
 }
 
+ClientOutcome KsClient::start(const ClientOptions& options) {
+    ServerStart start(options, m_progress);
+    {
+        std::lock_guard<std::mutex> lock(m_runningMutex);
+        m_start = &start;
+        m_startRan = true;
+    }
+    ClientOutcome outcome = start.run();
+    std::lock_guard<std::mutex> lock(m_runningMutex);
+    m_start = nullptr;
+    return outcome;
+}
+
 bool KsClient::abortRunning() {
     std::string id;
     {
         std::lock_guard<std::mutex> lock(m_runningMutex);
+        if (m_start)
+            return m_start->cancel();
         if (m_runningId.empty() || !m_runningIsTest)
             return false;
         id = m_runningId;
@@ -420,14 +436,21 @@ int KsClient::execute(const ClientOptions& options, std::ostream& err) {
     case ClientOptions::Command::Shutdown:
         outcome = shutdown();
         break;
+    case ClientOptions::Command::Start:
+        outcome = start(options);
+        break;
     case ClientOptions::Command::None:
         outcome.exitCode = KsExit::BadCommandLine;
         outcome.error = "Missing command";
         break;
     }
+    return reportOutcome(outcome, m_progress, err);
+}
+
+int reportOutcome(const ClientOutcome& outcome, std::ostream& out, std::ostream& err) {
     for (const auto& line : outcome.lines)
-        m_progress << line << "\n";
-    m_progress.flush();
+        out << line << "\n";
+    out.flush();
     if (!outcome.error.empty())
         err << "ks: " << outcome.error << std::endl;
     return outcome.exitCode;

@@ -13,6 +13,7 @@
 namespace Kestrane {
 
 class Reply;
+class ServerStart;
 class TcpRequestClient;
 class ProgressLines;
 
@@ -71,16 +72,18 @@ public:
     // Asks the server to stop, waits for its acknowledgement and then, at most `stopWait`, for
     // the server to stop answering.
     ClientOutcome shutdown(std::chrono::milliseconds stopWait = std::chrono::seconds(10));
+    // Starts a server as the start options say (see ServerStart).
+    ClientOutcome start(const ClientOptions& options);
 
-    // From another thread, e.g. on Ctrl-C: asks the server to abort the test request under way.
-    // False when no request is under way.
+    // From another thread, e.g. on Ctrl-C: asks the server to abort the test request under way,
+    // or removes the job of a start under way. False when neither is under way.
     bool abortRunning();
     // From another thread: gives up waiting for the reply under way. False when none is awaited.
     bool stopWaiting();
 
     std::string target() const;
     // Whether this client brought up the process's own request server, which receives replies.
-    bool startedOwnServer() const { return m_client != nullptr; }
+    bool startedOwnServer() const { return m_client != nullptr || m_startRan; }
 
     // The whole of ks: runs the command of `options` against this client's server, writes
     // progress and outcome to the progress stream and the reason of a failure to `err`, and
@@ -112,7 +115,12 @@ private:
     std::mutex m_runningMutex;
     std::string m_runningId; // the request whose reply is awaited
     bool m_runningIsTest = false;
+    ServerStart* m_start = nullptr; // the start under way
+    bool m_startRan = false;
 };
+
+// Writes the outcome's lines to `out` and the reason of a failure to `err`; returns the exit code.
+int reportOutcome(const ClientOutcome& outcome, std::ostream& out, std::ostream& err);
 
 // Judgement of the `data` of a TestReply: whether it says that the command did its work.
 bool testReplySucceeded(const std::string& command, const std::string& data);

@@ -1,5 +1,5 @@
 // ks: the command-line client of a request server: ping, status, test requests with live
-// progress, abort and shutdown.
+// progress, abort and shutdown; and the start of a server here, on another host or as a job.
 #include "ClientOptions.h"
 #include "KsClient.h"
 
@@ -31,7 +31,8 @@ void watchSignals(sigset_t signals) {
         KsClient* client = s_client.load();
         ++count;
         if (signal == SIGINT && client && count == 1 && client->abortRunning()) {
-            std::cerr << "ks: asking the server to abort the request (Ctrl-C again: stop waiting)"
+            std::cerr << "ks: asking the server to abort the request, or removing the submitted "
+                         "job (Ctrl-C again: stop waiting)"
                       << std::endl;
             continue;
         }

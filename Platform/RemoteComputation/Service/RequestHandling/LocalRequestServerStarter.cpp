@@ -44,7 +44,7 @@ std::string LocalRequestServerStarter::getReconnectString() const {
     return getReconnectStringPrefix() + ":" + executable + ":" + jobId.toString();
 }
 
-std::string LocalRequestServerStarter::getOutputFile(const std::string& callbackId) const {
+std::string LocalRequestServerStarter::outputFileFor(const std::string& callbackId) const {
     FileName directory = PathConfiguration::getKsPathTmp() / "started-servers";
     std::string leaf = FileName(executable).getLeafName();
     return (directory / (leaf + "-" + std::to_string(::getpid()) + "-" + callbackId + ".log"))
@@ -60,13 +60,14 @@ bool LocalRequestServerStarter::startRequestServer() {
                                                       << ".\nCommand line: " << commandLine);
     Computing::Process process(args[0], std::vector<std::string>(args.begin() + 1, args.end()),
                                Computing::Process::High);
-    const std::string outputFile = getOutputFile(callbackId);
+    outputFile = outputFileFor(callbackId);
     try {
         FileUtilities::createDirectories(FileName(outputFile).getParentPath());
         process.setOutputFile(outputFile);
     } catch (const std::exception& e) {
         // Without a file the output is lost, which does not keep the server from working.
         KS_WARN("No output file for the local RequestServer (" << e.what() << ")");
+        outputFile.clear();
     }
     if (!process.start(Computing::Detached)) {
         errorMessage = "Error starting local request server.\nCommand line: " + commandLine +

@@ -21,8 +21,13 @@ public:
 
     // "Local"
     static std::string getReconnectStringPrefix();
-    // Where the output of the process started for `callbackId` goes.
-    std::string getOutputFile(const std::string& callbackId) const;
+    // Where the output of the last started process goes; empty before the first start.
+    const std::string& getOutputFile() const { return outputFile; }
+
+private:
+    std::string outputFileFor(const std::string& callbackId) const;
+
+    std::string outputFile;
 };
 
 } // namespace Kestrane

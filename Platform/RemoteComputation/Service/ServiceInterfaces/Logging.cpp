@@ -285,8 +285,9 @@ std::string Logging::levelName(LogLevel level) {
 bool Logging::parseLevel(const std::string& text, LogLevel& level) {
     std::string upper = text;
     std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+    // OFF too: a silent process hands its level on to the processes it starts.
     for (LogLevel candidate : {LogLevel::Trace, LogLevel::Debug, LogLevel::Info, LogLevel::Warn,
-                               LogLevel::Error, LogLevel::Fatal}) {
+                               LogLevel::Error, LogLevel::Fatal, LogLevel::Off}) {
         if (levelName(candidate) == upper) {
             level = candidate;
             return true;

@@ -17,7 +17,7 @@ void LoggingSettings::applyEnvironment() {
     LogLevel parsed;
     if (!Logging::parseLevel(level, parsed))
         throw KsException(std::string("Invalid value '") + level +
-                          "' of KS_LOG_LEVEL: expected TRACE, DEBUG, INFO, WARN, ERROR or FATAL");
+                          "' of KS_LOG_LEVEL: expected TRACE, DEBUG, INFO, WARN, ERROR, FATAL or OFF");
     setLevel(parsed);
 }
 
@@ -40,7 +40,7 @@ void LoggingSettings::parseCommandLine(std::vector<std::string>& args) {
             if (!Logging::parseLevel(value, parsed))
                 throw KsException("Invalid value '" + value +
                                   "' for option -logLevel: expected TRACE, DEBUG, INFO, WARN, "
-                                  "ERROR or FATAL");
+                                  "ERROR, FATAL or OFF");
             setLevel(parsed);
         } else if (arg == "-logFile") {
             file = value;

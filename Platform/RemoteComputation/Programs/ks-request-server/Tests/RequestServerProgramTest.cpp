@@ -235,3 +235,19 @@ TEST(RequestServerProgramTest, FailedStartIsReportedToTheWaiter) {
     EXPECT_NE(error.find("Address already in use"), std::string::npos) << error;
     EXPECT_EQ(server.waitForExit(5000ms), 1);
 }
+
+TEST(RequestServerProgramTest, BadCommandLineIsReportedToTheWaiter) {
+    RequestServer* own = RequestServer::getInstance(-1, 0);
+    ASSERT_NE(own, nullptr);
+    RequestServerConfiguration::getRegisteredInstance()->setValue("callbackTimeout", "20");
+    const std::string id = CallbackRequestHandler::createCallbackId();
+    ServerProcess server(
+        {"-c", "localhost:" + std::to_string(own->getPort()) + ":" + id, "--no-such-option"});
+    ASSERT_TRUE(server.start());
+    const auto start = std::chrono::steady_clock::now();
+    std::string error;
+    EXPECT_EQ(CallbackRequestHandler::waitForCallback(id, error), 0u);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    EXPECT_EQ(error, "ks-request-server: Unknown option '--no-such-option'");
+    EXPECT_EQ(server.waitForExit(5000ms), 2);
+}

@@ -89,8 +89,9 @@ TEST(ClientOptionsTest, HelpNeedsNothingElse) {
 
 TEST(ClientOptionsTest, MalformedCommandLines) {
     EXPECT_EQ(rejection({}), "Missing command");
-    EXPECT_EQ(rejection({"frobnicate", "h:1"}),
-              "Unknown command 'frobnicate' (expected ping, status, test, abort or shutdown)");
+    EXPECT_EQ(
+        rejection({"frobnicate", "h:1"}),
+        "Unknown command 'frobnicate' (expected ping, status, test, abort, shutdown or start)");
     EXPECT_EQ(rejection({"ping"}), "Missing HOST:PORT of the request server for 'ping'");
     EXPECT_EQ(rejection({"ping", "nonsense"}), "Expected HOST:PORT, not 'nonsense'");
     EXPECT_EQ(rejection({"ping", ":4000"}), "Expected HOST:PORT, not ':4000'");
@@ -145,4 +146,57 @@ TEST(ClientOptionsTest, TestReplyDataThatMeansFailure) {
     EXPECT_FALSE(testReplySucceeded("PUT_FILE", "ERROR: wrong file size"));
     EXPECT_FALSE(testReplySucceeded("QUEUED_NOP", "NOK"));
     EXPECT_FALSE(testReplySucceeded("WAIT_PROGRESS", "ABORTED"));
+}
+
+TEST(ClientOptionsTest, StartLocalRemoteAndScheduler) {
+    auto local = ClientOptions::parse({"start", "local"});
+    EXPECT_EQ(local.command, Command::Start);
+    EXPECT_EQ(local.startKind, ClientOptions::StartKind::Local);
+    EXPECT_EQ(local.executable, "");
+    EXPECT_TRUE(local.serverArgs.empty());
+    EXPECT_EQ(local.cores, 1);
+    EXPECT_EQ(local.minimumCores, 1);
+    EXPECT_EQ(local.jobName, "ks-request-server");
+
+    auto remote = ClientOptions::parse(
+        {"start", "remote", "127.0.0.2:7000", "--executable", "/opt/ks/bin/ks-request-server"});
+    EXPECT_EQ(remote.startKind, ClientOptions::StartKind::Remote);
+    EXPECT_EQ(remote.host, "127.0.0.2");
+    EXPECT_EQ(remote.port, 7000);
+    EXPECT_EQ(remote.executable, "/opt/ks/bin/ks-request-server");
+
+    auto job = ClientOptions::parse({"start", "scheduler", "/x/slurm", "--cores", "4",
+                                     "--min-cores", "2", "--job-name", "big one", "--",
+                                     "--port-range", "5", "-logLevel", "DEBUG"});
+    EXPECT_EQ(job.startKind, ClientOptions::StartKind::Scheduler);
+    EXPECT_EQ(job.script, "/x/slurm");
+    EXPECT_EQ(job.cores, 4);
+    EXPECT_EQ(job.minimumCores, 2);
+    EXPECT_EQ(job.jobName, "big one");
+    EXPECT_EQ(job.serverArgs,
+              (std::vector<std::string>{"--port-range", "5", "-logLevel", "DEBUG"}));
+}
+
+TEST(ClientOptionsTest, StartMistakesAreNamed) {
+    EXPECT_EQ(rejection({"start"}), "'start' needs local, remote HOST:PORT or scheduler SCRIPT");
+    EXPECT_EQ(rejection({"start", "elsewhere"}),
+              "Unknown way to start 'elsewhere' (expected local, remote or scheduler)");
+    EXPECT_EQ(rejection({"start", "remote"}),
+              "'start remote' needs HOST:PORT of the starter service (ks-remote-service)");
+    EXPECT_EQ(rejection({"start", "remote", "host"}), "Expected HOST:PORT, not 'host'");
+    EXPECT_NE(rejection({"start", "scheduler"}).find("'start scheduler' needs SCRIPT"),
+              std::string::npos);
+    EXPECT_EQ(rejection({"start", "local", "extra"}),
+              "Unexpected argument 'extra' for 'start local' (arguments for the server go behind "
+              "--)");
+    EXPECT_EQ(rejection({"start", "local", "--cores", "2", "--min-cores", "3"}),
+              "Option --min-cores 3 is more than --cores 2");
+    EXPECT_NE(rejection({"start", "local", "--cores", "0"}).find("--cores"), std::string::npos);
+    EXPECT_EQ(rejection({"start", "local", "--executable", ""}),
+              "Option --executable needs a path");
+    EXPECT_EQ(rejection({"start", "local", "--file", "x"}),
+              "Options --file and --force-transfer belong to 'test'");
+    EXPECT_EQ(rejection({"ping", "h:1", "--cores", "2"}), "Option --cores belongs to 'start'");
+    EXPECT_EQ(rejection({"test", "h:1", "NOP", "--executable", "/x"}),
+              "Option --executable belongs to 'start'");
 }

@@ -88,7 +88,7 @@ TEST_F(LocalRequestServerStarterTest, StartedServerCallsBackAndAnswers) {
     EXPECT_EQ(capture.count("Started local RequestServer instance '" + c_server + "'."), 1u);
 
     // The server's output goes to a file of this process's temporary directory.
-    const std::string output = starter->getOutputFile("1");
+    const std::string output = starter->getOutputFile();
     EXPECT_EQ(output.rfind(tmp.file("client") + "/started-servers/ks-request-server-", 0), 0u)
         << output;
     EXPECT_TRUE(TestSupport::waitUntil(

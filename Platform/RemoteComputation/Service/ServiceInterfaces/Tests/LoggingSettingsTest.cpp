@@ -170,6 +170,16 @@ TEST_F(LoggingSettingsTest, CmdArgsCarryLevelAndFileButNotSuffix) {
               (std::vector<std::string>{"-logLevel", "WARN", "-logFile", file}));
 }
 
+TEST_F(LoggingSettingsTest, ASilentProcessHandsOnALevelThatParsesBack) {
+    Logging::setLevel(LogLevel::Off);
+    std::vector<std::string> args = settings().getCmdArgs();
+    EXPECT_EQ(args, (std::vector<std::string>{"-logLevel", "OFF"}));
+    Logging::setLevel(LogLevel::Info);
+    settings().parseCommandLine(args);
+    EXPECT_TRUE(args.empty());
+    EXPECT_EQ(Logging::getLevel(), LogLevel::Off);
+}
+
 TEST_F(LoggingSettingsTest, CmdArgsParseBackToTheSameSettings) {
     TestSupport::TempDir dir;
     std::string file = dir.file("x.log");

@@ -58,7 +58,8 @@ TEST_F(LoggingTest, LevelNamesAndParsing) {
     level = LogLevel::Info;
     EXPECT_FALSE(Logging::parseLevel("loud", level));
     EXPECT_FALSE(Logging::parseLevel("", level));
-    EXPECT_FALSE(Logging::parseLevel("OFF", level));
+    EXPECT_TRUE(Logging::parseLevel("OFF", level));
+    EXPECT_EQ(level, LogLevel::Off);
     EXPECT_FALSE(Logging::parseLevel("WARNING", level));
     EXPECT_EQ(level, LogLevel::Info) << "a failed parse leaves the level alone";
 }
