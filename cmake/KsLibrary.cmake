@@ -19,18 +19,34 @@ function(ks_add_library target export_name)
     install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${rel})
 endfunction()
 
+# ks_add_tests(target [DIRECTORY dir] [LABEL label] [TIMEOUT s] [LINK] libraries...): every
+# .cpp of dir (default Tests) becomes one test executable. Tests with a LABEL need a resource
+# that the test run provides (e.g. "slurm": the cluster of scripts/test.sh); they use it one at
+# a time.
 function(ks_add_tests target)
     if(NOT KS_BUILD_TESTS)
         return()
     endif()
-    file(GLOB test_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/Tests/*.cpp)
+    cmake_parse_arguments(ARG "" "DIRECTORY;LABEL;TIMEOUT" "LINK" ${ARGN})
+    if(NOT ARG_DIRECTORY)
+        set(ARG_DIRECTORY Tests)
+    endif()
+    if(NOT ARG_TIMEOUT)
+        set(ARG_TIMEOUT 120)
+    endif()
+    file(GLOB test_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_DIRECTORY}/*.cpp)
     if(NOT test_sources)
         return()
     endif()
     add_executable(${target} ${test_sources})
-    target_link_libraries(${target} PRIVATE ${ARGN} ks_warnings GTest::gtest GTest::gmock GTest::gtest_main Threads::Threads)
+    target_link_libraries(${target} PRIVATE ${ARG_LINK} ${ARG_UNPARSED_ARGUMENTS} ks_warnings
+        GTest::gtest GTest::gmock GTest::gtest_main Threads::Threads)
     target_compile_definitions(${target} PRIVATE
         KS_BINARY_DIR="${PROJECT_BINARY_DIR}" KS_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+    set(properties TIMEOUT ${ARG_TIMEOUT})
+    if(ARG_LABEL)
+        list(APPEND properties LABELS ${ARG_LABEL} RESOURCE_LOCK ${ARG_LABEL})
+    endif()
     # Each test runs in a process of its own: the process-wide singletons start fresh.
-    gtest_discover_tests(${target} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+    gtest_discover_tests(${target} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
 endfunction()
