@@ -152,6 +152,9 @@ bool RemoteServiceKey::load(const std::string& path, std::string& message) {
 }
 
 std::string RemoteServiceKey::sign(const std::string& nonce, const std::string& payload) const {
+    // Without a loaded key there is no secret: an HMAC under the empty key is anybody's.
+    if (m_key.empty())
+        return std::string();
     initialiseGcrypt();
     gcry_mac_hd_t mac = nullptr;
     unsigned char digest[32];
