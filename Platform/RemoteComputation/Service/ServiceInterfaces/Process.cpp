@@ -112,10 +112,20 @@ bool Process::start(StartMode mode) {
         posix_spawn_file_actions_adddup2(&actions, outFds[1], STDERR_FILENO);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
+    // The child starts with no signal blocked: servers block SIGTERM and the like in every
+    // thread to take them in one, and a mask is inherited across exec.
+    sigset_t noSignals;
+    sigemptyset(&noSignals);
+    posix_spawnattr_setsigmask(&attributes, &noSignals);
+    short flags = POSIX_SPAWN_SETSIGMASK;
     if (mode == Detached) {
         posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+        flags |= POSIX_SPAWN_SETSID;
     }
+    // Only the three standard streams go to the child: a long-lived server that held, say, a
+    // log file or the pipe of whoever started its starter would keep it open as long as it runs.
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+    posix_spawnattr_setflags(&attributes, flags);
     pid_t pid = -1;
     int rc = ::posix_spawn(&pid, m_executable.c_str(), &actions, &attributes, argv.data(), environ);
     posix_spawnattr_destroy(&attributes);

@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -252,4 +253,19 @@ TEST(ProcessTest, KillGroupReachesWhatADetachedChildStarted) {
         waitUntil([&] { return procState(grandchild) == 0 || procState(grandchild) == 'Z'; },
                   std::chrono::milliseconds(3000)));
     EXPECT_FALSE(process.killGroup(SIGKILL)) << "a reaped child's id may belong to another";
+}
+
+TEST(ProcessTest, OnlyTheStandardStreamsReachTheChild) {
+    TestSupport::TempDir dir;
+    // A descriptor without close-on-exec, as a library may leave one (a log file, a pipe).
+    int leaky = ::open(dir.file("open.txt").c_str(), O_WRONLY | O_CREAT, 0600);
+    ASSERT_GE(leaky, 3);
+    for (StartMode mode : {Attached, Detached}) {
+        Process process("/bin/sh", {"-c", "ls /proc/$$/fd"});
+        process.captureStandardOutput();
+        ASSERT_TRUE(process.start(mode));
+        EXPECT_EQ(process.wait(), 0);
+        EXPECT_EQ(readAll(process.getStandardOutputFd()), "0\n1\n2\n") << mode;
+    }
+    ::close(leaky);
 }
