@@ -1,8 +1,13 @@
 // ks-demo: starts ks-request-server and walks through what a client does with it: ping, status,
 // test requests with live progress, a 200 MB file both ways, a million values, an abort and a
-// clean shutdown. Each step ends in one line with its outcome and timing.
+// clean shutdown. Then it starts servers on demand: a local process, one through the starter
+// service of a second host, and a Slurm job (KS_DEMO_SLURM=1). Each step ends in one line with
+// its outcome and timing.
+#include "DemoSupport.h"
 #include "Platform/RemoteComputation/Programs/ks/KsClient.h"
 #include "Platform/RemoteComputation/Programs/ks/StatusText.h"
+#include "StarterTour.h"
+#include "StepLog.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/KSData.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Reply.h"
@@ -34,80 +39,11 @@
 #include <vector>
 
 using namespace Kestrane;
-using Clock = std::chrono::steady_clock;
 
 namespace {
 
 const uint64_t c_fileSize = 200ull * 1024 * 1024;
 const uint64_t c_values = 1000000;
-
-double msSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-std::string programDirectory() {
-    char path[PATH_MAX] = {0};
-    ssize_t n = ::readlink("/proc/self/exe", path, sizeof(path) - 1);
-    std::string self = n > 0 ? std::string(path, n) : std::string("./ks-demo");
-    return self.substr(0, self.rfind('/'));
-}
-
-// One line of the child's standard output, waiting at most `limitMs`.
-std::string readLine(int fd, int limitMs) {
-    std::string line;
-    auto start = Clock::now();
-    char c;
-    while (msSince(start) < limitMs) {
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, 100) <= 0)
-            continue;
-        if (::read(fd, &c, 1) != 1 || c == '\n')
-            break;
-        line += c;
-    }
-    return line;
-}
-
-// Collects the server's log lines (standard error) so that its pipe never fills up.
-class ErrorDrain {
-public:
-    explicit ErrorDrain(int fd) : m_thread([this, fd] { run(fd); }) {}
-    ~ErrorDrain() {
-        if (m_thread.joinable())
-            m_thread.join();
-    }
-    // The first line that came in after `offset` characters, waiting at most `limitMs`.
-    std::string lineAfter(size_t offset, int limitMs) {
-        auto start = Clock::now();
-        while (msSince(start) < limitMs) {
-            {
-                std::lock_guard<std::mutex> lock(m_mutex);
-                size_t end = m_text.find('\n', offset);
-                if (end != std::string::npos)
-                    return m_text.substr(offset, end - offset);
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return "";
-    }
-    size_t size() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_text.size();
-    }
-
-private:
-    void run(int fd) {
-        char buffer[4096];
-        ssize_t n;
-        while ((n = ::read(fd, buffer, sizeof(buffer))) > 0) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_text.append(buffer, n);
-        }
-    }
-    std::mutex m_mutex;
-    std::string m_text;
-    std::thread m_thread;
-};
 
 // Stops the server if the demo ends early, and removes the temporary files in any case.
 class Cleanup {
@@ -128,68 +64,15 @@ private:
     std::string m_directory;
 };
 
-std::string makeTempDirectory() {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/ks-demo-XXXXXX";
-    std::vector<char> text(pattern.begin(), pattern.end());
-    text.push_back('\0');
-    if (!::mkdtemp(text.data()))
-        return "";
-    return text.data();
-}
-
-// A file whose every 8 bytes differ, so that a comparison finds a misplaced block.
-bool writeTestFile(const std::string& path, uint64_t size) {
-    std::ofstream out(path, std::ios::binary);
-    const size_t block = 4 * 1024 * 1024;
-    std::vector<uint64_t> words(block / sizeof(uint64_t));
-    uint64_t written = 0, counter = 0;
-    while (written < size && out) {
-        for (auto& word : words)
-            word = counter++ * 0x9E3779B97F4A7C15ull;
-        size_t n = static_cast<size_t>(std::min<uint64_t>(block, size - written));
-        out.write(reinterpret_cast<const char*>(words.data()), static_cast<std::streamsize>(n));
-        written += n;
-    }
-    return static_cast<bool>(out) && written == size;
-}
-
-bool sameContent(const std::string& a, const std::string& b) {
-    std::ifstream first(a, std::ios::binary), second(b, std::ios::binary);
-    if (!first || !second)
-        return false;
-    const size_t block = 4 * 1024 * 1024;
-    std::vector<char> x(block), y(block);
-    for (;;) {
-        first.read(x.data(), block);
-        second.read(y.data(), block);
-        if (first.gcount() != second.gcount())
-            return false;
-        if (first.gcount() == 0)
-            return true;
-        if (std::memcmp(x.data(), y.data(), static_cast<size_t>(first.gcount())) != 0)
-            return false;
-    }
-}
-
 class Demo {
 public:
     explicit Demo(const std::string& server) : m_server(server) {}
     int run();
 
 private:
-    // Prints the outcome line of a step and counts failures.
-    void step(bool ok, const std::string& what, double ms) {
-        ++m_step;
-        if (!ok)
-            ++m_failures;
-        std::printf("%2d. %s%s  [%.1f ms]\n", m_step, ok ? "" : "FAILED: ", what.c_str(), ms);
-    }
-    // The heading of a step whose live progress lines follow.
-    void announce(const std::string& what) {
-        std::printf("%2d. %s ...\n", m_step + 1, what.c_str());
-    }
-    void detail(const std::string& line) { std::printf("      %s\n", line.c_str()); }
+    void step(bool ok, const std::string& what, double ms) { m_log.step(ok, what, ms); }
+    void announce(const std::string& what) { m_log.announce(what); }
+    void detail(const std::string& line) { m_log.detail(line); }
     std::string target() const { return "127.0.0.1:" + std::to_string(m_port); }
     std::unique_ptr<KsClient> client(bool live) {
         auto c = std::make_unique<KsClient>("127.0.0.1", m_port, std::cout);
@@ -206,8 +89,7 @@ private:
 
     std::string m_server;
     int m_port = 0;
-    int m_step = 0;
-    int m_failures = 0;
+    StepLog m_log;
 };
 
 int Demo::run() {
@@ -461,17 +343,21 @@ int Demo::run() {
              outcome.milliseconds);
     }
 
+    // ---- servers on demand ----
+    StarterTour(m_log, programDirectory(), tmp).run();
+
     if (auto own = RequestServer::getInstance(-1, 0)) {
         own->stop();
         own->waitForShutdown();
     }
     std::printf("%s: %d steps, %d failed, %.1f s in all. Temporary files removed.\n",
-                m_failures == 0 ? "Done" : "FAILED", m_step, m_failures, msSince(total) / 1000);
-    std::printf("Try it yourself: build/bin/ks-request-server prints its PORT; then\n"
-                "  build/bin/ks status 127.0.0.1:PORT\n"
-                "  build/bin/ks test 127.0.0.1:PORT WAIT_PROGRESS 3000\n"
-                "  build/bin/ks shutdown 127.0.0.1:PORT\n");
-    return m_failures == 0 ? 0 : 1;
+                m_log.failures() == 0 ? "Done" : "FAILED", m_log.steps(), m_log.failures(),
+                msSince(total) / 1000);
+    std::printf("Try it yourself: build/bin/ks start local prints STARTED HOST:PORT; then\n"
+                "  build/bin/ks status HOST:PORT\n"
+                "  build/bin/ks test HOST:PORT WAIT_PROGRESS 3000\n"
+                "  build/bin/ks shutdown HOST:PORT\n");
+    return m_log.failures() == 0 ? 0 : 1;
 }
 
 } // namespace

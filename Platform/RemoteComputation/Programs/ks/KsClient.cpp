@@ -55,18 +55,6 @@ std::string absolutePath(const std::string& path) {
     return path;
 }
 
-// Whether anything accepts connections there. A bare connect, since a refused ping is logged
-// as a warning, and a refused connection is just what a stopped server gives.
-bool listening(const std::string& host, int port) {
-    try {
-        Computing::ClientSocket socket;
-        socket.connect(host, port);
-        return true;
-    } catch (const std::exception&) {
-        return false;
-    }
-}
-
 RequestEncoder testRequest(const TestCall& call) {
     RequestEncoder encoder("TestRequest");
     encoder.addElement("command", call.command, "  ");
@@ -445,6 +433,16 @@ int KsClient::execute(const ClientOptions& options, std::ostream& err) {
         break;
     }
     return reportOutcome(outcome, m_progress, err);
+}
+
+bool listening(const std::string& host, int port) {
+    try {
+        Computing::ClientSocket socket;
+        socket.connect(host, port);
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
 }
 
 int reportOutcome(const ClientOutcome& outcome, std::ostream& out, std::ostream& err) {

@@ -119,6 +119,10 @@ private:
     bool m_startRan = false;
 };
 
+// Whether anything accepts connections there. A bare connect, since a refused ping is logged
+// as a warning, and a refused connection is just what a stopped server gives.
+bool listening(const std::string& host, int port);
+
 // Writes the outcome's lines to `out` and the reason of a failure to `err`; returns the exit code.
 int reportOutcome(const ClientOutcome& outcome, std::ostream& out, std::ostream& err);
 
