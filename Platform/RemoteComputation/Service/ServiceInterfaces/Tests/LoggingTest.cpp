@@ -55,11 +55,12 @@ TEST_F(LoggingTest, LevelNamesAndParsing) {
     EXPECT_TRUE(Logging::parseLevel("fatal", level));
     EXPECT_EQ(level, LogLevel::Fatal);
 
+    EXPECT_TRUE(Logging::parseLevel("OFF", level));
+    EXPECT_EQ(level, LogLevel::Off);
+
     level = LogLevel::Info;
     EXPECT_FALSE(Logging::parseLevel("loud", level));
     EXPECT_FALSE(Logging::parseLevel("", level));
-    EXPECT_TRUE(Logging::parseLevel("OFF", level));
-    EXPECT_EQ(level, LogLevel::Off);
     EXPECT_FALSE(Logging::parseLevel("WARNING", level));
     EXPECT_EQ(level, LogLevel::Info) << "a failed parse leaves the level alone";
 }
