@@ -4,6 +4,7 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/JobStatusLSF.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Tests/TestHelpers.h"
 #include "Platform/RemoteComputation/TestSupport/FakeLsf.h"
+#include "Platform/RemoteComputation/TestSupport/RemoteServiceProcess.h"
 
 #include <gtest/gtest.h>
 
@@ -140,4 +141,34 @@ TEST_F(KsStartProgramTest, JobThatCannotStartItsProgramFailsTheStart) {
     EXPECT_NE(start.err.find("Error staring job with job scheduler: job not running anymore!"),
               std::string::npos)
         << show(start);
+}
+
+TEST_F(KsStartProgramTest, ServerStartedThroughTheStarterService) {
+    RemoteServiceProcess::Options options;
+    options.allow = {c_server};
+    RemoteServiceProcess service(options);
+    ASSERT_TRUE(service.start()) << service.standardError();
+    const std::string address = "127.0.0.1:" + std::to_string(service.port());
+    ::setenv("KS_REMOTE_SERVICE_KEY_FILE", service.keyFile().c_str(), 1);
+    KsRun start = ks({"start", "remote", address});
+    ASSERT_EQ(start.code, 0) << show(start) << service.standardError();
+    Started started;
+    ASSERT_TRUE(startedLine(start.out, started)) << show(start);
+    EXPECT_EQ(started.host, "127.0.0.1");
+    EXPECT_EQ(started.reconnect, started.target() + ":ks:RemoteService:" + c_server +
+                                     ":127.0.0.1:" + std::to_string(service.port()) + ":");
+    EXPECT_TRUE(service.waitForStandardError("Started process "));
+    KsRun nop = ks({"test", started.target(), "NOP", "--quiet"});
+    EXPECT_EQ(nop.code, 0) << show(nop);
+    EXPECT_EQ(ks({"shutdown", started.target()}).code, 0);
+
+    // With a key of its own, ks is refused and says why.
+    std::string message;
+    ASSERT_TRUE(RemoteServiceKey::create(tmp.file("other.key"), message)) << message;
+    ::setenv("KS_REMOTE_SERVICE_KEY_FILE", tmp.file("other.key").c_str(), 1);
+    KsRun refused = ks({"start", "remote", address});
+    ::unsetenv("KS_REMOTE_SERVICE_KEY_FILE");
+    EXPECT_EQ(refused.code, 1) << show(refused);
+    EXPECT_NE(refused.err.find("refused the command: authentication failed"), std::string::npos)
+        << show(refused);
 }
