@@ -6,9 +6,8 @@ namespace Computing {
 
 bool JobRemoveLSF::execute(int job, const std::string& cluster, std::string& message) {
     JobSchedulerScript script(cluster);
-    if (!script.run({"kill", std::to_string(job)}, message)) {
+    if (!script.runTellingWhy({"kill", std::to_string(job)}, message)) {
         setErrorMessage(script.getErrorMessage());
-        JobSchedulerScript::appendLine(message, getErrorMessage());
         return false;
     }
     setErrorMessage("");

@@ -107,6 +107,14 @@ bool JobSchedulerScript::findValue(const std::string& output, const std::string&
     return false;
 }
 
+bool JobSchedulerScript::runTellingWhy(const std::vector<std::string>& arguments,
+                                       std::string& output) {
+    if (run(arguments, output))
+        return true;
+    appendLine(output, getErrorMessage());
+    return false;
+}
+
 void JobSchedulerScript::appendLine(std::string& message, const std::string& error) {
     if (!message.empty() && message.back() != '\n')
         message += "\n";

@@ -19,6 +19,9 @@ public:
     // True when the adapter ran and exited with 0. `output` is everything it printed, also on
     // false, when getErrorMessage() says what went wrong.
     bool run(const std::vector<std::string>& arguments, std::string& output);
+    // The same, with the reason of a failure on a line of its own behind the output, for
+    // callers that have only the one text to show.
+    bool runTellingWhy(const std::vector<std::string>& arguments, std::string& output);
 
     // The rest of the first line of `output` that starts with `word` and one space.
     static bool findValue(const std::string& output, const std::string& word, std::string& value);

@@ -7,9 +7,8 @@ namespace Computing {
 bool JobStatusLSF::execute(int job, const std::string& cluster, LSFJobStatus& status,
                            std::string& message) {
     JobSchedulerScript script(cluster);
-    if (!script.run({"status", std::to_string(job)}, message)) {
+    if (!script.runTellingWhy({"status", std::to_string(job)}, message)) {
         setErrorMessage(script.getErrorMessage());
-        JobSchedulerScript::appendLine(message, getErrorMessage());
         return false;
     }
     std::string word;

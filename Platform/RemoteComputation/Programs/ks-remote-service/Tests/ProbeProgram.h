@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Tests/TestHelpers.h"
+
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -17,66 +19,11 @@
 namespace Kestrane {
 namespace Testing {
 
-// A fresh directory under the system's temporary directory, removed with everything in it.
-class TemporaryDirectory {
-public:
-    TemporaryDirectory() {
-        const char* tmp = std::getenv("TMPDIR");
-        std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/ks-rstest-XXXXXX";
-        if (!::mkdtemp(&pattern[0]))
-            throw std::runtime_error("mkdtemp failed");
-        m_path = pattern;
-    }
-    ~TemporaryDirectory() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
-    const std::string& path() const { return m_path; }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-    // Creates a subdirectory and returns its path.
-    std::string directory(const std::string& name) const {
-        std::filesystem::create_directories(file(name));
-        return file(name);
-    }
-
-private:
-    std::string m_path;
-};
-
-inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-inline void writeFile(const std::string& path, const std::string& content, mode_t mode = 0644) {
-    {
-        std::ofstream out(path, std::ios::binary | std::ios::trunc);
-        out << content;
-    }
-    ::chmod(path.c_str(), mode);
-}
-
-inline bool fileExists(const std::string& path) {
-    struct stat status {};
-    return ::lstat(path.c_str(), &status) == 0;
-}
-
-// Polls `condition` every 5 ms until it holds or `limit` has passed.
-inline bool waitUntil(const std::function<bool()>& condition,
-                      std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return condition();
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
+using TemporaryDirectory = TestSupport::TempDir;
+using TestSupport::fileExists;
+using TestSupport::readFile;
+using TestSupport::waitUntil;
+using TestSupport::writeFile;
 
 // Process state letter from /proc/<pid>/stat ('Z' for a zombie), 0 when the process is gone.
 inline char processState(pid_t pid) {

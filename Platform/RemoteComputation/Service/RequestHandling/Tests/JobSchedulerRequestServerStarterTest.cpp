@@ -1,4 +1,4 @@
-#include "HandlerTestSupport.h"
+#include "StarterTestSupport.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/CallbackRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/CallbackRequestHandler.h"
@@ -27,7 +27,7 @@ using TestSupport::TempDir;
 
 namespace {
 
-const std::string c_server = KS_BINARY_DIR "/bin/ks-request-server";
+const std::string c_server = c_requestServer;
 const std::string c_maxNumber = "18446744073709551615";
 
 // Keeps what the starter and the wait tell the host.
@@ -80,16 +80,8 @@ private:
     std::string m_path;
 };
 
-class JobSchedulerRequestServerStarterTest : public ::testing::Test {
+class JobSchedulerRequestServerStarterTest : public StarterTest {
 protected:
-    void SetUp() override {
-        PathConfiguration::setKsPathTmp(FileName(tmp.file("client")));
-        ::setenv("KS_PATH_TMP", tmp.file("server").c_str(), 1);
-        ::setenv("KS_AUTO_SHUTDOWN", "true", 1);
-        ::setenv("KS_SHUTDOWN_TIMEOUT", "30", 1);
-        ownServer();
-    }
-
     // Sends the callback `id` to this process's server in the name of `port`, as a started
     // server would (its own port stands in the callback).
     static void callBack(const std::string& id) {
@@ -97,17 +89,9 @@ protected:
             "localhost:" + std::to_string(ownServer()->getPort()) + ":" + id, ""));
     }
 
-    // The joined command line; `middle` stands before the logging options.
     std::string commandLineOf(const std::string& callbackId, const std::string& middle = "") {
-        std::string text = c_server + " -c " + ownServer()->getHostName() + ":" +
-                           std::to_string(ownServer()->getPort()) + ":" + callbackId + " " + middle;
-        for (const auto& arg : LoggingSettings::get()->getCmdArgs())
-            text += arg + " ";
-        return text;
+        return StarterTest::commandLineOf(c_server, ownServer()->getHostName(), callbackId, middle);
     }
-
-    TempDir tmp;
-    LogCapture capture;
 };
 
 } // namespace

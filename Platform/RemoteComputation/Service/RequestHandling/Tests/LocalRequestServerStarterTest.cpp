@@ -1,4 +1,4 @@
-#include "HandlerTestSupport.h"
+#include "StarterTestSupport.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/LocalRequestServerStarter.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
@@ -22,42 +22,15 @@ using TestSupport::TempDir;
 
 namespace {
 
-const std::string c_server = KS_BINARY_DIR "/bin/ks-request-server";
+const std::string c_server = c_requestServer;
 const GenericJobId c_job("0123456789ABCDEF-0123456789ABCDEF-0123456789ABCDEF", "calc");
 
-// Every started server works below a temporary directory of the test, and stops by itself
-// should a test end without shutting it down.
-class LocalRequestServerStarterTest : public ::testing::Test {
+class LocalRequestServerStarterTest : public StarterTest {
 protected:
-    void SetUp() override {
-        PathConfiguration::setKsPathTmp(FileName(tmp.file("client")));
-        ::setenv("KS_PATH_TMP", tmp.file("server").c_str(), 1);
-        ::setenv("KS_AUTO_SHUTDOWN", "true", 1);
-        ::setenv("KS_SHUTDOWN_TIMEOUT", "30", 1);
-        ownServer();
-    }
-
-    // The joined command line: `middle` stands before the logging options, `tail` behind.
     std::string commandLineOf(const std::string& executable, const std::string& callbackId,
                               const std::string& middle = "", const std::string& tail = "") {
-        std::string text = executable + " -c localhost:" + std::to_string(ownServer()->getPort()) +
-                           ":" + callbackId + " " + middle;
-        for (const auto& arg : LoggingSettings::get()->getCmdArgs())
-            text += arg + " ";
-        return text + tail;
+        return StarterTest::commandLineOf(executable, "localhost", callbackId, middle, tail);
     }
-
-    // A program that never calls back: it records its pid and sleeps.
-    std::string silentProgram() {
-        std::string path = tmp.file("silent.sh");
-        TestSupport::writeFile(path, "#!/bin/sh\necho $$ > '" + tmp.file("silent.pid") +
-                                         "'\nexec sleep 30\n");
-        ::chmod(path.c_str(), 0755);
-        return path;
-    }
-
-    TempDir tmp;
-    LogCapture capture;
 };
 
 bool answersPing(unsigned int port) {
@@ -158,10 +131,8 @@ TEST_F(LocalRequestServerStarterTest, ProgramThatNeverCallsBackTimesOut) {
                   "\n\nCallback NOT received before timeout. Is the name of the local host (" +
                   ownServer()->getHostName() + ") correct?");
     // The program runs on: the starter does not stop it.
-    std::string pid;
-    ASSERT_TRUE(TestSupport::waitUntil(
-        [&] { return !(pid = TestSupport::readFile(tmp.file("silent.pid"))).empty(); }, 3000ms));
-    const pid_t child = static_cast<pid_t>(std::stol(pid));
+    const pid_t child = silentProgramPid();
+    ASSERT_GT(child, 0);
     EXPECT_EQ(::kill(child, 0), 0);
     ::kill(child, SIGKILL);
 }

@@ -1,6 +1,6 @@
 // Servers started through a real ks-remote-service: on this host, and on a "second host" (a
 // service with a host name of its own on 127.0.0.2), where files must really travel.
-#include "HandlerTestSupport.h"
+#include "StarterTestSupport.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/KSData.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/LocalRequestServerStarter.h"
@@ -27,20 +27,11 @@ using TestSupport::TempDir;
 
 namespace {
 
-const std::string c_server = KS_BINARY_DIR "/bin/ks-request-server";
-const std::string c_binDirectory = KS_BINARY_DIR "/bin";
+const std::string c_server = c_requestServer;
 const GenericJobId c_job("0123456789ABCDEF-0123456789ABCDEF-0123456789ABCDEF", "calc");
 
-class RemoteServiceRequestServerStarterTest : public ::testing::Test {
+class RemoteServiceRequestServerStarterTest : public StarterTest {
 protected:
-    void SetUp() override {
-        PathConfiguration::setKsPathTmp(FileName(tmp.file("client")));
-        ::setenv("KS_PATH_TMP", tmp.file("server").c_str(), 1);
-        ::setenv("KS_AUTO_SHUTDOWN", "true", 1);
-        ::setenv("KS_SHUTDOWN_TIMEOUT", "30", 1);
-        ownServer();
-    }
-
     // A service that may start ks-request-server; the client side uses its key.
     std::unique_ptr<RemoteServiceProcess> service(const std::string& hostName = "",
                                                   const std::string& allow = c_server) {
@@ -56,11 +47,8 @@ protected:
 
     std::string commandLineOf(const std::string& executable, const std::string& callbackId,
                               const std::string& middle = "") {
-        std::string text = executable + " -c " + ownServer()->getHostName() + ":" +
-                           std::to_string(ownServer()->getPort()) + ":" + callbackId + " " + middle;
-        for (const auto& arg : LoggingSettings::get()->getCmdArgs())
-            text += arg + " ";
-        return text;
+        return StarterTest::commandLineOf(executable, ownServer()->getHostName(), callbackId,
+                                          middle);
     }
 
     static std::string where(RemoteServiceProcess& service) {
@@ -75,9 +63,6 @@ protected:
         EXPECT_TRUE(TestSupport::waitUntil(
             [&] { return !RequestServer::ping(host, static_cast<unsigned int>(port)); }, 5000ms));
     }
-
-    TempDir tmp;
-    LogCapture capture;
 };
 
 } // namespace
@@ -207,10 +192,7 @@ TEST_F(RemoteServiceRequestServerStarterTest, RefusalsOfTheServiceReachTheStarte
 
 TEST_F(RemoteServiceRequestServerStarterTest, ProgramThatNeverCallsBackTimesOut) {
     settings()->setValue("callbackTimeout", "1");
-    const std::string program = tmp.file("silent.sh");
-    TestSupport::writeFile(program, "#!/bin/sh\necho $$ > '" + tmp.file("silent.pid") +
-                                        "'\nexec sleep 30\n");
-    ::chmod(program.c_str(), 0755);
+    const std::string program = silentProgram();
     auto remote = service("", program);
     RemoteServiceRequestServerStarter starter(
         program, remote->host(), static_cast<unsigned int>(remote->port()), GenericJobId(), "");
@@ -220,10 +202,9 @@ TEST_F(RemoteServiceRequestServerStarterTest, ProgramThatNeverCallsBackTimesOut)
                   ".\nCommand line: " + commandLineOf(program, "1") +
                   "\n\nCallback NOT received before timeout. Is the name of the local host (" +
                   ownServer()->getHostName() + ") correct?");
-    std::string pid;
-    ASSERT_TRUE(TestSupport::waitUntil(
-        [&] { return !(pid = TestSupport::readFile(tmp.file("silent.pid"))).empty(); }, 3000ms));
-    ::kill(static_cast<pid_t>(std::stol(pid)), SIGKILL);
+    const pid_t child = silentProgramPid();
+    ASSERT_GT(child, 0);
+    ::kill(child, SIGKILL);
 }
 
 TEST_F(RemoteServiceRequestServerStarterTest, LocalhostNeverAsksTheService) {

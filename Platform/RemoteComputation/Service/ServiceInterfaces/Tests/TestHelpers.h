@@ -9,6 +9,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <sys/stat.h>
 #include <thread>
 
 namespace Kestrane {
@@ -33,6 +34,11 @@ public:
 
     const std::string& path() const { return m_path; }
     std::string file(const std::string& name) const { return m_path + "/" + name; }
+    // Creates a subdirectory and returns its path.
+    std::string directory(const std::string& name) const {
+        boost::filesystem::create_directories(file(name));
+        return file(name);
+    }
 
 private:
     std::string m_path;
@@ -45,13 +51,23 @@ inline std::string readFile(const std::string& path) {
     return text.str();
 }
 
-inline void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+inline void writeFile(const std::string& path, const std::string& content, mode_t mode = 0644) {
+    {
+        std::ofstream out(path, std::ios::binary | std::ios::trunc);
+        out << content;
+    }
+    ::chmod(path.c_str(), mode);
+}
+
+// Whether anything, a dangling symbolic link included, stands at `path`.
+inline bool fileExists(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0;
 }
 
 // Polls `condition` every millisecond until it holds or `timeout` has passed.
-inline bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+inline bool waitUntil(const std::function<bool()>& condition,
+                      std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= deadline)
