@@ -5,6 +5,8 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/PathConfiguration.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Process.h"
 
+#include <fstream>
+#include <stdexcept>
 #include <unistd.h>
 
 namespace Kestrane {
@@ -60,14 +62,18 @@ bool LocalRequestServerStarter::startRequestServer() {
                                                       << ".\nCommand line: " << commandLine);
     Computing::Process process(args[0], std::vector<std::string>(args.begin() + 1, args.end()),
                                Computing::Process::High);
-    outputFile = outputFileFor(callbackId);
+    // Without a file the output is lost, which does not keep the server from working: the
+    // file is set only when it can be written.
+    outputFile.clear();
     try {
-        FileUtilities::createDirectories(FileName(outputFile).getParentPath());
-        process.setOutputFile(outputFile);
+        std::string file = outputFileFor(callbackId);
+        FileUtilities::createDirectories(FileName(file).getParentPath());
+        if (!std::ofstream(file, std::ios::app))
+            throw std::runtime_error("'" + file + "' can't be written");
+        process.setOutputFile(file);
+        outputFile = file;
     } catch (const std::exception& e) {
-        // Without a file the output is lost, which does not keep the server from working.
         KS_WARN("No output file for the local RequestServer (" << e.what() << ")");
-        outputFile.clear();
     }
     if (!process.start(Computing::Detached)) {
         errorMessage = "Error starting local request server.\nCommand line: " + commandLine +

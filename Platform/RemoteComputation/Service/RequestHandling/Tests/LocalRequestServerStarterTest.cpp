@@ -168,3 +168,16 @@ TEST_F(LocalRequestServerStarterTest, SecondStartStartsAnotherServer) {
         EXPECT_TRUE(TestSupport::waitUntil([&] { return !answersPing(port); }, 5000ms));
     }
 }
+
+TEST_F(LocalRequestServerStarterTest, AnOutputFileThatCannotBeMadeDoesNotStopTheStart) {
+    // A file stands where the directory of the output files would go.
+    TestSupport::writeFile(tmp.directory("client") + "/started-servers", "in the way");
+    LocalRequestServerStarter starter(c_server, GenericJobId(), "");
+    ASSERT_TRUE(starter.startRequestServer()) << starter.getErrorMessage();
+    EXPECT_EQ(starter.getOutputFile(), "");
+    EXPECT_TRUE(capture.containsSubstring("No output file for the local RequestServer ("));
+    const unsigned int port = starter.getRequestServerPort();
+    TcpRequestClient client("stop", loopbackHost(static_cast<int>(port)));
+    client.shutdownRequestServer();
+    EXPECT_TRUE(TestSupport::waitUntil([&] { return !answersPing(port); }, 5000ms));
+}
