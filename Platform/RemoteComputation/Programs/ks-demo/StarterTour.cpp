@@ -66,8 +66,10 @@ StarterTour::StarterTour(StepLog& log, const std::string& binDirectory, const st
     : m_log(log), m_bin(binDirectory), m_tmp(tmp) {}
 
 void StarterTour::run() {
-    // The started servers keep their files apart from this process's.
+    // The started servers keep their files apart from this process's, and the adapters their
+    // records of ended jobs within the demo's directory.
     ::setenv("KS_PATH_TMP", (m_tmp + "/started").c_str(), 1);
+    ::setenv("KS_JOB_STATE_DIR", (m_tmp + "/jobs").c_str(), 1);
     local();
     secondHost();
     slurm();

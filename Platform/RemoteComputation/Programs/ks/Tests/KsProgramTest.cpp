@@ -1,6 +1,7 @@
 // The ks program against a real ks-request-server, both as child processes.
 #include "KsRun.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Process.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Tests/TestHelpers.h"
 #include "Platform/RemoteComputation/TestSupport/ServerProcess.h"
 
 #include <gtest/gtest.h>
@@ -28,6 +29,8 @@ class KsProgramTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ::setenv("KS_ALIVE_PUBLISH_INTERVAL", "100", 1);
+        // The server's files (the copy of a file sent to it) go with the test's directory.
+        ::setenv("KS_PATH_TMP", tmp.path().c_str(), 1);
         ASSERT_TRUE(server.start());
         port = server.port();
         ASSERT_GT(port, 0);
@@ -40,6 +43,7 @@ protected:
             server.process().kill(SIGTERM);
     }
 
+    TestSupport::TempDir tmp;
     ServerProcess server{{"-logLevel", "WARN"}};
     int port = 0;
     int publisher = 0;
