@@ -1,4 +1,5 @@
 #include "ProcessLauncher.h"
+#include "LogText.h"
 
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
 
@@ -53,32 +54,15 @@ std::string ProcessLauncher::logFileName(const std::string& program, std::time_t
 }
 
 std::string ProcessLauncher::quoteArguments(const std::vector<std::string>& arguments) {
-    static const char* digits = "0123456789abcdef";
     std::string text;
     for (const auto& argument : arguments) {
-        if (!text.empty())
-            text += ' ';
-        text += '\'';
+        std::string quoted;
         for (char c : argument) {
-            unsigned char byte = static_cast<unsigned char>(c);
-            if (c == '\'' || c == '\\') {
-                text += '\\';
-                text += c;
-            } else if (c == '\n') {
-                text += "\\n";
-            } else if (c == '\t') {
-                text += "\\t";
-            } else if (c == '\r') {
-                text += "\\r";
-            } else if (byte < 0x20 || byte == 0x7f) {
-                text += "\\x";
-                text += digits[byte >> 4];
-                text += digits[byte & 0xf];
-            } else {
-                text += c;
-            }
+            if (c == '\'' || c == '\\')
+                quoted += '\\';
+            quoted += c;
         }
-        text += '\'';
+        text += (text.empty() ? "'" : " '") + escapeControlCharacters(quoted) + "'";
     }
     return text;
 }

@@ -1,4 +1,5 @@
 #include "RemoteService.h"
+#include "LogText.h"
 
 #include "ServiceCommands.h"
 
@@ -83,26 +84,6 @@ std::string authenticationFailure(ReadResult result, const Protocol::Frame& fram
     return readFailure(result, error, timeoutSeconds);
 }
 
-// A reason for the log: a client's bytes in it (a program path, say) must not start lines of
-// their own.
-std::string loggable(const std::string& text) {
-    static const char* digits = "0123456789abcdef";
-    std::string result;
-    for (char c : text) {
-        unsigned char byte = static_cast<unsigned char>(c);
-        if (c == '\n') {
-            result += "\\n";
-        } else if (byte < 0x20 || byte == 0x7f) {
-            result += "\\x";
-            result += digits[byte >> 4];
-            result += digits[byte & 0xf];
-        } else {
-            result += c;
-        }
-    }
-    return result;
-}
-
 } // namespace
 
 RemoteService::RemoteService(ServiceCommands& commands, std::string keyFile,
@@ -168,8 +149,8 @@ void RemoteService::stop() {
 void RemoteService::refuse(Computing::Socket& socket, const std::string& peer,
                            const std::string& reason, const std::string& logReason) {
     // Logged first: whoever reads the ERROR finds the line in the log already.
-    KS_WARN("Refused command from " << peer << ": "
-                                    << loggable(logReason.empty() ? reason : logReason));
+    KS_WARN("Refused command from "
+            << peer << ": " << escapeControlCharacters(logReason.empty() ? reason : logReason));
     try {
         Protocol::writeFrame(socket, Protocol::c_error, reason);
     } catch (const std::exception& e) {

@@ -16,11 +16,7 @@ RemoteServiceOptions RemoteServiceOptions::parse(const std::vector<std::string>&
     RemoteServiceOptions options;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        auto value = [&]() -> const std::string& {
-            if (i + 1 >= args.size())
-                throw std::invalid_argument("Missing value for option " + arg);
-            return args[++i];
-        };
+        auto value = [&]() -> const std::string& { return CommandLineValue::takeValue(args, i); };
         auto nonEmptyValue = [&]() -> const std::string& {
             const std::string& text = value();
             if (text.empty())

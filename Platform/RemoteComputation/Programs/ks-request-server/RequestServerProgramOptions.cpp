@@ -23,11 +23,7 @@ RequestServerProgramOptions::parse(const std::vector<std::string>& args) {
     RequestServerProgramOptions options;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        auto value = [&]() -> const std::string& {
-            if (i + 1 >= args.size())
-                throw std::invalid_argument("Missing value for option " + arg);
-            return args[++i];
-        };
+        auto value = [&]() -> const std::string& { return CommandLineValue::takeValue(args, i); };
         if (arg == "--port") {
             options.port = parseNumber(arg, value(), 0, 65535);
         } else if (arg == "--port-range") {

@@ -24,11 +24,7 @@ WatchOptions WatchOptions::parse(const std::vector<std::string>& args, unsigned 
     bool haveTarget = false;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        auto value = [&]() -> const std::string& {
-            if (i + 1 >= args.size())
-                throw std::invalid_argument("Missing value for option " + arg);
-            return args[++i];
-        };
+        auto value = [&]() -> const std::string& { return CommandLineValue::takeValue(args, i); };
         if (arg == "--help" || arg == "-h") {
             options.help = true;
         } else if (arg == "--topics") {

@@ -125,11 +125,7 @@ ClientOptions ClientOptions::parse(const std::vector<std::string>& args) {
     std::string startOnly; // the first option that only 'start' takes
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        auto value = [&]() -> const std::string& {
-            if (i + 1 >= args.size())
-                throw std::invalid_argument("Missing value for option " + arg);
-            return args[++i];
-        };
+        auto value = [&]() -> const std::string& { return CommandLineValue::takeValue(args, i); };
         if (arg == "--help" || arg == "-h") {
             options.help = true;
         } else if (arg == "--file") {

@@ -19,4 +19,11 @@ unsigned long CommandLineValue::parseNumber(const std::string& what, const std::
     return number;
 }
 
+const std::string& CommandLineValue::takeValue(const std::vector<std::string>& args,
+                                               size_t& index) {
+    if (index + 1 >= args.size())
+        throw std::invalid_argument("Missing value for option " + args[index]);
+    return args[++index];
+}
+
 } // namespace Kestrane
