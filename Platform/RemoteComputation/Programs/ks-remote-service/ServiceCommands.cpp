@@ -3,14 +3,19 @@
 #include "AllowList.h"
 #include "ProcessLauncher.h"
 
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RemoteServiceProtocol.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/RunningJob.h"
 
 #include <cstring>
-#include <unistd.h>
+#include <exception>
 
 namespace Kestrane {
 
 namespace {
+
+Logging s_logging(__FILE__);
 
 using Protocol = RemoteServiceProtocol;
 
@@ -30,23 +35,35 @@ std::string commandName(const std::string& command) {
     return name.size() > c_shown ? text + "..." : text;
 }
 
+// The computationCores setting, as the workers of this host and user see it (settings file and
+// environment); 0, all online cores, when the settings are unusable.
+int configuredCores() {
+    try {
+        return RequestServerConfiguration::getRegisteredInstance()->getComputationCores();
+    } catch (const std::exception& e) {
+        KS_WARN("Counting all online cores: the settings can't be read: " << e.what());
+        return 0;
+    }
+}
+
 } // namespace
 
 ServiceCommands::ServiceCommands(const AllowList& allowList, ProcessLauncher& launcher)
     : m_allowList(allowList), m_launcher(launcher) {}
 
 unsigned int ServiceCommands::onlineCores() {
-    long cores = ::sysconf(_SC_NPROCESSORS_ONLN);
-    return cores > 0 ? static_cast<unsigned int>(cores) : 1;
+    return Computing::RunningJob::capacity(0);
 }
 
 ServiceCommands::Outcome ServiceCommands::execute(const std::string& command) {
     if (command == Protocol::c_ping)
         return {true, Protocol::c_pong};
     if (command == Protocol::c_cores) {
-        // Every core counts as free until the host's cores are accounted for.
-        std::string cores = std::to_string(onlineCores());
-        return {true, cores + " " + cores};
+        // The cores given to workers, and what the running jobs of this user leave of them.
+        unsigned int cores = Computing::RunningJob::capacity(configuredCores());
+        unsigned int used = Computing::RunningJob::usedCores();
+        unsigned int freeCores = used < cores ? cores - used : 0;
+        return {true, std::to_string(cores) + " " + std::to_string(freeCores)};
     }
     size_t startLength = std::strlen(Protocol::c_start);
     if (command.compare(0, startLength, Protocol::c_start) == 0)

@@ -1,5 +1,7 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/StandardRequestHandler.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/AbortRequest.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/DistributedWorkerRequest.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/DistributedWorkerRequestHandler.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyEncoder.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/StartQueuedJobRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/TestRequest.h"
@@ -24,6 +26,8 @@ std::shared_ptr<Request> StandardRequestHandler::decodeRequest(XmlRequest& reque
         return decoded;
     if (auto decoded = m_startQueuedJobRequestHandler.decodeRequest(request))
         return decoded;
+    if (auto decoded = DistributedWorkerRequestHandler::getInstance()->decodeRequest(request))
+        return decoded;
     if (request.getType() != "AbortRequest")
         return nullptr;
     auto decoded = std::make_shared<AbortRequest>(request.getRootElement());
@@ -38,6 +42,8 @@ bool StandardRequestHandler::canHandle(Request* request) {
         return true;
     if (dynamic_cast<StartQueuedJobRequest*>(request))
         return m_startQueuedJobRequestHandler.canHandle(request);
+    if (dynamic_cast<DistributedWorkerRequest*>(request))
+        return DistributedWorkerRequestHandler::getInstance()->canHandle(request);
     return false;
 }
 
@@ -51,6 +57,8 @@ std::shared_ptr<std::string> StandardRequestHandler::handle(Request* request) {
         return m_testRequestHandler.handle(request);
     if (dynamic_cast<StartQueuedJobRequest*>(request))
         return m_startQueuedJobRequestHandler.handle(request);
+    if (dynamic_cast<DistributedWorkerRequest*>(request))
+        return DistributedWorkerRequestHandler::getInstance()->handle(request);
     if (auto abort = dynamic_cast<AbortRequest*>(request)) {
         KS_TRACE("Sending signal to abort request " << abort->getRequestId() << "...");
         std::string id = abort->getRequestId();

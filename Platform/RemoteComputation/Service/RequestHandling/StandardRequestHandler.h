@@ -11,8 +11,8 @@
 namespace Kestrane {
 
 // Part of every RequestHandler: answers abort requests by emitting a signal that the owning
-// handler turns into an abort of the running request, and forwards test and queued-job requests
-// to their handlers.
+// handler turns into an abort of the running request, and forwards test, queued-job and worker
+// pool requests to their handlers.
 class StandardRequestHandler : public AbstractRequestHandler, public Signals::Trackable {
 public:
     using AbortRequestSignal = Signals::Signal<void(const std::string&)>;

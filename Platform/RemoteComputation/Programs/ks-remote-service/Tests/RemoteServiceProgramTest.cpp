@@ -1,10 +1,13 @@
 #include "ServiceFixture.h"
 
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/CoresStatus.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/PathConfiguration.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/RunningJob.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <map>
+#include <optional>
 #include <regex>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -55,6 +58,37 @@ off_t sizeOf(const std::string& path) {
 }
 
 } // namespace
+
+// Sets environment variables (an empty value unsets one) for what starts meanwhile, and puts
+// the previous values back.
+class ScopedEnvironment {
+public:
+    explicit ScopedEnvironment(const std::map<std::string, std::string>& variables) {
+        // Made before the change: this process keeps the settings it had.
+        RequestServerConfiguration::getRegisteredInstance();
+        for (const auto& [name, value] : variables) {
+            const char* previous = std::getenv(name.c_str());
+            m_previous.emplace_back(name,
+                                    previous ? std::optional<std::string>(previous) : std::nullopt);
+            if (value.empty())
+                ::unsetenv(name.c_str());
+            else
+                ::setenv(name.c_str(), value.c_str(), 1);
+        }
+    }
+    ~ScopedEnvironment() {
+        for (const auto& [name, value] : m_previous)
+            if (value)
+                ::setenv(name.c_str(), value->c_str(), 1);
+            else
+                ::unsetenv(name.c_str());
+    }
+    ScopedEnvironment(const ScopedEnvironment&) = delete;
+    ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+
+private:
+    std::vector<std::pair<std::string, std::optional<std::string>>> m_previous;
+};
 
 class RemoteServiceProgramTest : public ServiceFixture {};
 
@@ -320,7 +354,12 @@ TEST_F(RemoteServiceProgramTest, SymlinkInsideTheListStartsItsTarget) {
 }
 
 TEST_F(RemoteServiceProgramTest, ReportsTheOnlineCores) {
-    startService();
+    // A registry of its own, so that jobs running elsewhere on this host don't count.
+    std::string tmp = m_temp.directory("ks-tmp");
+    {
+        ScopedEnvironment environment({{"KS_PATH_TMP", tmp}, {"KS_COMPUTATION_CORES", ""}});
+        startService();
+    }
     unsigned int expected = static_cast<unsigned int>(::sysconf(_SC_NPROCESSORS_ONLN));
     for (int i = 0; i < 2; ++i) {
         unsigned int cores = 0, freeCores = 0;
@@ -330,6 +369,53 @@ TEST_F(RemoteServiceProgramTest, ReportsTheOnlineCores) {
         EXPECT_EQ(cores, expected);
         EXPECT_EQ(freeCores, expected);
     }
+}
+
+TEST_F(RemoteServiceProgramTest, FreeCoresAreWhatRunningJobsOfTheHostLeave) {
+    std::string tmp = m_temp.directory("ks-tmp");
+    {
+        ScopedEnvironment environment({{"KS_PATH_TMP", tmp}, {"KS_COMPUTATION_CORES", "4"}});
+        startService();
+    }
+    PathConfiguration::setKsPathTmp(FileName(tmp));
+    auto cores = [&] {
+        unsigned int all = 0, freeCores = 0;
+        std::string message;
+        if (!Computing::CoresStatus(host(), port()).get(all, freeCores, message))
+            return "<" + message + ">";
+        return std::to_string(all) + " " + std::to_string(freeCores);
+    };
+    EXPECT_EQ(cores(), "4 4");
+    {
+        Computing::RunningJob job("test job");
+        ASSERT_TRUE(job.add(4, 3, 0, "test job"));
+        EXPECT_EQ(cores(), "4 1");
+    }
+    EXPECT_EQ(cores(), "4 4");
+    // A job in a process that gets killed: its cores come back without anybody removing it.
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        auto job = new Computing::RunningJob("child job");
+        char byte = job->add(4, 6, 0, "child job") ? '1' : '0';
+        (void)!::write(ready[1], &byte, 1);
+        ::pause();
+        ::_exit(0);
+    }
+    ::close(ready[1]);
+    char byte = 0;
+    bool added = ::read(ready[0], &byte, 1) == 1 && byte == '1';
+    ::close(ready[0]);
+    std::string whileRunning = cores();
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    ASSERT_TRUE(added);
+    // More than the host has, alone: nothing is free, never less.
+    EXPECT_EQ(whileRunning, "4 0");
+    EXPECT_EQ(cores(), "4 4");
+    PathConfiguration::setKsPathTmp(FileName());
 }
 
 TEST_F(RemoteServiceProgramTest, MaxProcessesIsKeptAndFreedWhenAProgramEnds) {

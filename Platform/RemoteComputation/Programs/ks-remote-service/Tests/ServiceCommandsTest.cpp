@@ -3,7 +3,10 @@
 #include "../ProcessLauncher.h"
 #include "ProbeProgram.h"
 
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/PathConfiguration.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RemoteServiceProtocol.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/RunningJob.h"
 
 #include <gtest/gtest.h>
 
@@ -24,6 +27,8 @@ protected:
     }
     // The probe ends before its directory goes.
     void TearDown() override {
+        PathConfiguration::setKsPathTmp(FileName());
+        RequestServerConfiguration::getRegisteredInstance()->resetToDefaults();
         ProbeProgram::release(m_temp.file("record"));
         if (m_pid > 0 && !waitUntil([&] { return processState(m_pid) == 0; }, 2000ms))
             ::kill(m_pid, SIGKILL);
@@ -38,6 +43,8 @@ protected:
 };
 
 TEST_F(ServiceCommandsTest, PingAndCores) {
+    PathConfiguration::setKsPathTmp(FileName(m_temp.directory("ks-tmp")));
+    RequestServerConfiguration::getRegisteredInstance()->setValue("computationCores", "0");
     auto pong = m_commands.execute("PING");
     EXPECT_TRUE(pong.ok);
     EXPECT_EQ(pong.text, "PONG");
@@ -49,6 +56,25 @@ TEST_F(ServiceCommandsTest, PingAndCores) {
     EXPECT_FALSE(m_commands.execute("ping").ok);
     EXPECT_FALSE(m_commands.execute("").ok);
     EXPECT_EQ(m_commands.execute("").text, "unknown command ''; expected PING, CORES or START");
+}
+
+TEST_F(ServiceCommandsTest, FreeCoresAreWhatRunningJobsLeave) {
+    PathConfiguration::setKsPathTmp(FileName(m_temp.directory("ks-tmp")));
+    auto* config = RequestServerConfiguration::getRegisteredInstance();
+    config->setValue("computationCores", "3");
+    EXPECT_EQ(m_commands.execute("CORES").text, "3 3");
+    Computing::RunningJob first("first"), second("second");
+    ASSERT_TRUE(first.add(3, 2, 0, "first"));
+    EXPECT_EQ(m_commands.execute("CORES").text, "3 1");
+    // More than the host has, alone: nothing is free, never less.
+    first.remove();
+    ASSERT_TRUE(second.add(3, 5, 0, "second"));
+    EXPECT_EQ(m_commands.execute("CORES").text, "3 0");
+    second.remove();
+    EXPECT_EQ(m_commands.execute("CORES").text, "3 3");
+    config->setValue("computationCores", "0");
+    std::string online = std::to_string(::sysconf(_SC_NPROCESSORS_ONLN));
+    EXPECT_EQ(m_commands.execute("CORES").text, online + " " + online);
 }
 
 TEST_F(ServiceCommandsTest, StartAnswersThePid) {

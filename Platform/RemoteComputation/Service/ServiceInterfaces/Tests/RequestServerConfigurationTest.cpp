@@ -163,7 +163,7 @@ TEST_F(RequestServerConfigurationTest, Defaults) {
     EXPECT_FALSE(config->getParallelFileTransfer());
     EXPECT_EQ(config->getFileTransferProgressFirstUpdateDelay(), 5u);
     EXPECT_EQ(config->getFileTransferProgressUpdateInterval(), 5u);
-    EXPECT_EQ(config->getComputationCores(), 1);
+    EXPECT_EQ(config->getComputationCores(), 0);
     EXPECT_FALSE(config->keepTempFiles());
     EXPECT_EQ(config->getSocketTimeout(), 300u);
 }
