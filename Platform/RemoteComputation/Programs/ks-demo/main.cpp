@@ -1,8 +1,8 @@
 // ks-demo: starts ks-request-server and walks through what a client does with it: ping, status,
 // test requests with live progress, a 200 MB file both ways, a million values, an abort and a
 // clean shutdown. Then it starts servers on demand: a local process, one through the starter
-// service of a second host, and a Slurm job (KS_DEMO_SLURM=1). Each step ends in one line with
-// its outcome and timing.
+// service of a second host, and a Slurm job (KS_DEMO_SLURM=1). Last, a worker pool of 2 local
+// processes counts primes. Each step ends in one line with its outcome and timing.
 #include "DemoSupport.h"
 #include "Platform/RemoteComputation/Programs/ks/KsClient.h"
 #include "Platform/RemoteComputation/Programs/ks/StatusText.h"
@@ -83,6 +83,37 @@ private:
         c->setTimeout(120);
         return c;
     }
+    // ks-pool-demo as a person would run it: a master and 2 local worker processes count the
+    // primes below 10^8; its progress and result lines are shown as they come.
+    void runPoolStep(const std::string& tmp) {
+        announce("Worker pool: ks-pool-demo --workers 2 counts the primes below 10^8 in 200 tasks");
+        auto start = Clock::now();
+        Computing::Process pool(programDirectory() + "/ks-pool-demo",
+                                {"--workers", "2", "-logLevel", "WARN"});
+        pool.captureStandardOutput();
+        ::setenv("KS_PATH_TMP", (tmp + "/pool").c_str(), 1);
+        const bool started = pool.start(Computing::Attached);
+        std::string result;
+        int code = -1;
+        bool exited = false;
+        while (started && !exited && result.empty() && msSince(start) < 120000) {
+            std::string line = readLine(pool.getStandardOutputFd(), 1000);
+            if (line.empty()) {
+                exited = pool.waitFor(0, code);
+                continue;
+            }
+            std::printf("    %s\n", line.c_str());
+            if (line.rfind("RESULT ", 0) == 0)
+                result = line;
+        }
+        if (started && !exited)
+            exited = pool.waitFor(30000, code);
+        step(exited && code == 0 && result.find("primes=5761455 ") != std::string::npos,
+             "Worker pool: " + (result.empty() ? std::string("no result") : result) +
+                 (exited ? ", exit code " + std::to_string(code) : std::string(", still running")),
+             msSince(start));
+    }
+
     static std::string why(const ClientOutcome& outcome) {
         return outcome.error.empty() ? std::string() : " (" + outcome.error + ")";
     }
@@ -345,6 +376,9 @@ int Demo::run() {
 
     // ---- servers on demand ----
     StarterTour(m_log, programDirectory(), tmp).run();
+
+    // ---- a worker pool ----
+    runPoolStep(tmp);
 
     if (auto own = RequestServer::getInstance(-1, 0)) {
         own->stop();

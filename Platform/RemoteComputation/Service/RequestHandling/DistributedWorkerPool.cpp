@@ -151,6 +151,12 @@ size_t DistributedWorkerPool::getWorkerCount() {
 
 // ---- tasks
 
+DistributedWorkerPool::HandOverEnd::~HandOverEnd() {
+    boost::lock_guard<boost::mutex> lock(pool->taskMutex);
+    --pool->handOversInProgress;
+    pool->taskStateCondition.notify_all();
+}
+
 void DistributedWorkerPool::addTask(std::shared_ptr<DistributedWorkerTask> task) {
     {
         boost::lock_guard<boost::mutex> lock(taskMutex);
@@ -160,7 +166,7 @@ void DistributedWorkerPool::addTask(std::shared_ptr<DistributedWorkerTask> task)
             KS_TRACE("Adding task to poll " << id << ". Waiting tasks: " << waitingTasks.size());
             return;
         }
-        ++failuresInProgress;
+        ++handOversInProgress;
     }
     KS_ERROR("Adding tasks to pool where all workers terminated!");
     reportFailure(task, "", "All " + workersName + " terminated");
@@ -256,7 +262,7 @@ DistributedWorkerPool::takeRunningTask(const std::string& taskId, bool forFailur
     for (auto it = taskIdByWorker.begin(); it != taskIdByWorker.end();)
         it = it->second == taskId ? taskIdByWorker.erase(it) : std::next(it);
     if (forFailure)
-        ++failuresInProgress;
+        ++handOversInProgress;
     taskStateCondition.notify_all();
     return task;
 }
@@ -273,23 +279,26 @@ DistributedWorkerPool::taskEnded(DistributedWorkerResultRequest* request) {
     return task;
 }
 
+std::shared_ptr<std::string>
+DistributedWorkerPool::handleResult(DistributedWorkerResultRequest& request) {
+    {
+        boost::lock_guard<boost::mutex> lock(taskMutex);
+        ++handOversInProgress;
+    }
+    HandOverEnd end{this};
+    return resultReceived(request);
+}
+
 void DistributedWorkerPool::reportFailure(std::shared_ptr<DistributedWorkerTask> task,
                                           const std::string& worker, const std::string& reason) {
-    struct Reported {
-        DistributedWorkerPool* pool;
-        ~Reported() {
-            boost::lock_guard<boost::mutex> lock(pool->taskMutex);
-            --pool->failuresInProgress;
-            pool->taskStateCondition.notify_all();
-        }
-    } reported{this};
+    HandOverEnd end{this};
     taskFailed(std::move(task), worker, reason);
 }
 
 void DistributedWorkerPool::waitForAllTasks() {
     boost::unique_lock<boost::mutex> lock(taskMutex);
-    while (!waitingTasks.empty() || !runningTasks.empty() || failuresInProgress > 0) {
-        if (workerProcessCount.load() == 0 && failuresInProgress == 0)
+    while (!waitingTasks.empty() || !runningTasks.empty() || handOversInProgress > 0) {
+        if (workerProcessCount.load() == 0 && handOversInProgress == 0)
             break;
         // The count of worker processes changes under the other mutex: look again now and then.
         taskStateCondition.wait_for(lock, boost::chrono::milliseconds(200));
@@ -314,7 +323,7 @@ void DistributedWorkerPool::failTaskOfWorker(const std::string& worker, const st
             return;
         task = running->second;
         runningTasks.erase(running);
-        ++failuresInProgress;
+        ++handOversInProgress;
         taskStateCondition.notify_all();
     }
     reportFailure(task, worker, reason);
@@ -325,7 +334,7 @@ void DistributedWorkerPool::failWaitingTasks(const std::string& reason) {
     {
         boost::lock_guard<boost::mutex> lock(taskMutex);
         failed.swap(waitingTasks);
-        failuresInProgress += failed.size();
+        handOversInProgress += failed.size();
         taskStateCondition.notify_all();
     }
     for (auto& task : failed)

@@ -70,6 +70,9 @@ public:
     virtual void taskFailed(std::shared_ptr<DistributedWorkerTask> task,
                             const std::string& workerName, const std::string& reason) = 0;
 
+    // Passes a result to resultReceived; waitForAllTasks waits until that has returned.
+    std::shared_ptr<std::string> handleResult(DistributedWorkerResultRequest& request);
+
     static DistributedWorkerPool* getExistingPool(const std::string& id);
     const std::string& getId() const { return id; }
     unsigned int getMaxParallelTasks() const { return settings.getMaxParallelTasks(); }
@@ -117,6 +120,11 @@ private:
     // Terminated: its run request was answered; Vanished: its process is gone, so there is
     // nobody to ask to shut down; Lost: it stopped giving signs of life.
     enum class WorkerEnd { Terminated, Vanished, Lost };
+    // Ends the count of one hand-over to the program, however it returns.
+    struct HandOverEnd {
+        DistributedWorkerPool* pool;
+        ~HandOverEnd();
+    };
     void workerReplyReceived(const std::string& requestId);
     // The worker's run request has been answered, or can't be any more.
     void workerEnded(const std::string& workerName, WorkerEnd end);
@@ -175,8 +183,9 @@ private:
     std::atomic<size_t> startedWorkers{0};
     std::atomic<bool> allWorkersTerminated{false};
     std::atomic<bool> stopping{false};
-    // Failed tasks whose taskFailed has not returned yet.
-    size_t failuresInProgress = 0;
+    // Results and failures on their way to the program (resultReceived, taskFailed): tasks
+    // that the program may still count or add again.
+    size_t handOversInProgress = 0;
 
     std::deque<std::shared_ptr<DistributedWorkerTask>> waitingTasks;
     std::map<std::string, std::shared_ptr<DistributedWorkerTask>> runningTasks;

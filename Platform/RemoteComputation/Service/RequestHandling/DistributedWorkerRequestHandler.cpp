@@ -125,7 +125,7 @@ DistributedWorkerRequestHandler::handleResultRequest(DistributedWorkerResultRequ
     DistributedWorkerPool* pool = DistributedWorkerPool::getExistingPool(request->getPoolId());
     if (!pool)
         return statusReply("AckReply", *request, "POOL_NOT_FOUND");
-    return pool->resultReceived(*request);
+    return pool->handleResult(*request);
 }
 
 std::shared_ptr<std::string>

@@ -112,14 +112,14 @@ struct Competition {
         }
     }
 
-    // Takes one core of two again and again: for 300 ms, and on until a refusal has shown that
-    // the competitors met (5 s at most).
+    // Takes one core of two again and again: for 300 ms, and on until it got one itself and a
+    // refusal has shown that the competitors met (5 s at most).
     void compete(int competitor) {
         RunningJob job("competitor " + std::to_string(competitor));
         auto begin = std::chrono::steady_clock::now();
         for (;;) {
             auto elapsed = std::chrono::steady_clock::now() - begin;
-            if ((elapsed >= 300ms && refusals > 0) || elapsed >= 5s)
+            if ((elapsed >= 300ms && refusals > 0 && successes[competitor] > 0) || elapsed >= 5s)
                 break;
             if (!job.add(2, 1, 0, "competitor " + std::to_string(competitor))) {
                 ++refusals;
