@@ -167,6 +167,11 @@ DistributedWorkerRequestHandler::handleRunWorkerRequest(RunDistributedWorkerRequ
                 Signals::Slot<void()>([this] { shutdown(); }));
         }
     }
+    // One watch of the pool per process is enough: without the publisher port the worker's
+    // requests don't each start a watch of their own, which costs a subscription and a thread
+    // per request. A pool that falls silent stops the workers through the process's watch, and
+    // that stop cancels a request that waits.
+    client->setPublisherPort(-1);
     Signals::Connection abortConnection =
         request->getAbortSignal().connect(Signals::slot(worker, &DistributedWorker::stop));
     worker->run();
