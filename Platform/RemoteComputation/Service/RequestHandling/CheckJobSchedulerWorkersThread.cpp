@@ -16,8 +16,8 @@ Logging s_logging(__FILE__);
 } // namespace
 
 DistributedWorkerPool::CheckJobSchedulerWorkersThread::CheckJobSchedulerWorkersThread(
-    DistributedWorkerPool* pool)
-    : Thread("CheckJobSchedulerWorkersThread"), pool(pool) {}
+    DistributedWorkerPool* pool, unsigned int periodSeconds)
+    : Thread("CheckJobSchedulerWorkersThread"), pool(pool), periodSeconds(periodSeconds) {}
 
 DistributedWorkerPool::CheckJobSchedulerWorkersThread::~CheckJobSchedulerWorkersThread() {
     stop();
@@ -32,8 +32,7 @@ void DistributedWorkerPool::CheckJobSchedulerWorkersThread::stop() {
 
 bool DistributedWorkerPool::CheckJobSchedulerWorkersThread::waitOnePeriod() {
     std::unique_lock<std::mutex> lock(mutex);
-    condition.wait_for(lock, std::chrono::seconds(pool->getWorkerMaxAliveAge()),
-                       [this] { return stopRequested; });
+    condition.wait_for(lock, std::chrono::seconds(periodSeconds), [this] { return stopRequested; });
     return !stopRequested;
 }
 

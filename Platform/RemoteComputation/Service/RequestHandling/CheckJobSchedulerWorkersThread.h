@@ -13,7 +13,9 @@ namespace Kestrane {
 // will never call back, and the pool gives its worker up.
 class DistributedWorkerPool::CheckJobSchedulerWorkersThread : public Thread {
 public:
-    explicit CheckJobSchedulerWorkersThread(DistributedWorkerPool* pool);
+    // `periodSeconds`: the pool's getWorkerMaxAliveAge(), read once, since the pool's derived
+    // part may be gone while this thread ends.
+    CheckJobSchedulerWorkersThread(DistributedWorkerPool* pool, unsigned int periodSeconds);
     ~CheckJobSchedulerWorkersThread() override;
 
     void executeRun() override;
@@ -26,6 +28,7 @@ private:
     void checkPendingJobs();
 
     DistributedWorkerPool* pool;
+    unsigned int periodSeconds;
     bool stopRequested = false;
     std::condition_variable condition;
     std::mutex mutex;

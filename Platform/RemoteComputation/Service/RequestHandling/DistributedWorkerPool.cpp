@@ -90,8 +90,7 @@ DistributedWorkerPool::~DistributedWorkerPool() {
     // Waits for a reply that is being handed to this pool.
     { boost::unique_lock<boost::shared_mutex> wait(s_replyDeliveryMutex); }
     replyConnection.disconnect();
-    if (!stopping)
-        stopWorkers();
+    // The watches first: the derived part of the pool is gone, so nothing may call into it.
     if (checkThread) {
         checkThread->stop();
         checkThread->finalize();
@@ -105,6 +104,8 @@ DistributedWorkerPool::~DistributedWorkerPool() {
         subscriber->stop();
         subscriber->finalize();
     }
+    if (!stopping)
+        stopWorkers();
     KS_INFO("Deleted DistributedWorkerPool " << id);
 }
 
@@ -585,7 +586,7 @@ bool DistributedWorkerPool::startJobSchedulerWorkers() {
     }
     appendToLog("Submitted " + std::to_string(workerProcesses.size()) + " " +
                 wordFor(workerProcesses.size()) + ".\n\n");
-    checkThread = std::make_unique<CheckJobSchedulerWorkersThread>(this);
+    checkThread = std::make_unique<CheckJobSchedulerWorkersThread>(this, getWorkerMaxAliveAge());
     checkThread->start();
     startPingThread();
     return true;

@@ -36,7 +36,8 @@ class RequestEncoder;
 // then handed to taskFailed; the pool never retries a task itself.
 //
 // Use: derive, construct, setJobLog, startWorkers, addTask for each task, waitForAllTasks,
-// stopWorkers, destroy.
+// stopWorkers, destroy. A derived class whose destructor may run with workers still up calls
+// stopWorkers() there: the base's destructor can no longer reach the derived part.
 class DistributedWorkerPool {
 public:
     class CheckJobSchedulerWorkersThread;
