@@ -94,11 +94,14 @@ TEST_F(DistributedWorkerRequestHandlerTest, RequestsReachThePoolTheyName) {
 }
 
 TEST_F(DistributedWorkerRequestHandlerTest, RunRequestThatNoImplementationTakesIsRefused) {
+    // One implementation takes no run request, the other only the test's own type.
     auto refusing = std::make_shared<TestWorkerImpl>();
     refusing->acceptRunRequests = false;
     handler->addImplementation(refusing);
-    auto run =
-        decodeAs<TestRunRequest>(runEncoder(UniqueID::generateId(), "worker_a", job(), 1, false));
+    auto picky = std::make_shared<TestWorkerImpl>();
+    handler->addImplementation(picky);
+    auto run = decodeAs<TestRunRequest>(
+        runEncoder(UniqueID::generateId(), "worker_a", job(), 1, false, c_otherRunRequestType));
     EXPECT_TRUE(handler->canHandle(run.get()));
     try {
         handler->handle(run.get());
@@ -108,9 +111,10 @@ TEST_F(DistributedWorkerRequestHandlerTest, RunRequestThatNoImplementationTakesI
         EXPECT_EQ(e.getFunction(), c_function);
     }
     EXPECT_TRUE(capture.contains(LogLevel::Error, "Unsuported request '" +
-                                                      std::string(c_testRunRequestType) + "'."));
-    EXPECT_GE(refusing->canHandleCalls.load(), 1);
-    EXPECT_EQ(refusing->doWorkCalls(), 0u);
+                                                      std::string(c_otherRunRequestType) + "'."));
+    EXPECT_EQ(refusing->canHandleCalls.load(), 1);
+    EXPECT_EQ(picky->canHandleCalls.load(), 1);
+    EXPECT_EQ(refusing->doWorkCalls() + picky->doWorkCalls(), 0u);
     EXPECT_FALSE(capture.containsSubstring("Starting execution of DistributedWorker"));
 }
 
@@ -138,30 +142,33 @@ TEST_F(DistributedWorkerRequestHandlerTest, DecodesItsOwnTypesAndAsksTheImplemen
     ASSERT_NE(callback, nullptr);
     EXPECT_EQ(callback->getWorkerId(), 2u);
 
-    // A run request is the program's type: nobody here knows it yet. (Relies on a process of its
-    // own, as every test here has one under ctest: implementations are never taken back.)
-    XmlRequest runXml(runEncoder(poolId, "worker_a", job(), 1, true).getEncodedRequest(), true);
+    // A run request is a program's own type: one that no implementation knows decodes to null,
+    // after every implementation was asked.
+    XmlRequest otherXml(
+        runEncoder(poolId, "worker_a", job(), 1, true, c_otherRunRequestType).getEncodedRequest(),
+        true);
     std::shared_ptr<Request> unknown;
-    EXPECT_NO_THROW(unknown = handler->decodeRequest(runXml));
+    EXPECT_NO_THROW(unknown = handler->decodeRequest(otherXml));
     EXPECT_EQ(unknown, nullptr);
-
     auto refusing = std::make_shared<TestWorkerImpl>();
     refusing->acceptRunRequests = false;
     handler->addImplementation(refusing);
-    EXPECT_EQ(handler->decodeRequest(runXml), nullptr);
+    EXPECT_EQ(handler->decodeRequest(otherXml), nullptr);
     EXPECT_EQ(refusing->decodeCalls.load(), 1);
 
     auto accepting = std::make_shared<TestWorkerImpl>();
     handler->addImplementation(accepting);
+    XmlRequest runXml(runEncoder(poolId, "worker_a", job(), 1, true).getEncodedRequest(), true);
     auto run = std::dynamic_pointer_cast<TestRunRequest>(handler->decodeRequest(runXml));
     ASSERT_NE(run, nullptr);
     EXPECT_EQ(run->getName(), "worker_a");
-    EXPECT_EQ(refusing->decodeCalls.load(), 2);
-    EXPECT_EQ(accepting->decodeCalls.load(), 1);
 
     // The three own types never reach the implementations.
+    const int asked = refusing->decodeCalls.load();
     EXPECT_NE(handler->decodeRequest(inputXml), nullptr);
-    EXPECT_EQ(accepting->decodeCalls.load(), 1);
+    EXPECT_NE(handler->decodeRequest(resultXml), nullptr);
+    EXPECT_NE(handler->decodeRequest(callbackXml), nullptr);
+    EXPECT_EQ(refusing->decodeCalls.load(), asked);
 
     RequestEncoder abort("AbortRequest");
     abort.addElement("requestId", UniqueID::generateId(), "  ");

@@ -33,9 +33,9 @@
 #include <cstdlib>
 #include <functional>
 #include <future>
+#include <map>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -44,6 +44,8 @@ namespace Kestrane {
 namespace Testing {
 
 const char* const c_testRunRequestType = "RunTestDistributedWorkerRequest";
+// A run request that no implementation of the tests takes.
+const char* const c_otherRunRequestType = "RunOtherTestDistributedWorkerRequest";
 const char* const c_testInputReplyType = "TestWorkerInputReply";
 const char* const c_requestIndent = "   ";
 
@@ -54,6 +56,12 @@ public:
     DistributedWorkerTestSchema() {
         m_schemaText += R"XSD(  <!-- DistributedWorkerTestSchema -->
   <xs:complexType name="RunTestDistributedWorkerRequest">
+    <xs:complexContent>
+      <xs:extension base="ksrq:RunDistributedWorkerRequest"/>
+    </xs:complexContent>
+  </xs:complexType>
+
+  <xs:complexType name="RunOtherTestDistributedWorkerRequest">
     <xs:complexContent>
       <xs:extension base="ksrq:RunDistributedWorkerRequest"/>
     </xs:complexContent>
@@ -136,8 +144,9 @@ callbackRequest(const std::string& poolId, unsigned int workerId, const HostInfo
 }
 
 inline RequestEncoder runEncoder(const std::string& poolId, const std::string& name,
-                                 const GenericJobId& jobId, unsigned int cores, bool releaseCores) {
-    RequestEncoder encoder(c_testRunRequestType);
+                                 const GenericJobId& jobId, unsigned int cores, bool releaseCores,
+                                 const std::string& type = c_testRunRequestType) {
+    RequestEncoder encoder(type);
     encoder.addElement("poolId", poolId, c_requestIndent);
     encoder.addElement("name", name, c_requestIndent);
     encoder.addText(jobId.toXml(c_requestIndent, c_requestIndent), "", false);
@@ -185,14 +194,6 @@ public:
             if (entry == line)
                 return true;
         return false;
-    }
-    // The position of the first line equal to `line`, or -1.
-    int indexOf(const std::string& line) {
-        auto entries = all();
-        for (size_t i = 0; i < entries.size(); ++i)
-            if (entries[i] == line)
-                return static_cast<int>(i);
-        return -1;
     }
     std::string text() {
         std::string joined;
@@ -248,12 +249,13 @@ public:
     // While the derived part is still there: stopping may wake threads that call into it.
     ~TestPool() override { stopWorkers(); }
 
-    using DistributedWorkerPool::jobSchedulerWorkerJobTerminated;
     using DistributedWorkerPool::slotWorkerNotResponding;
     using DistributedWorkerPool::taskEnded;
 
     std::shared_ptr<std::string> resultReceived(DistributedWorkerResultRequest& request) override {
         auto task = taskEnded(&request);
+        if (whileTakingResult)
+            whileTakingResult();
         {
             std::lock_guard<std::mutex> lock(mutex);
             results.push_back(
@@ -303,6 +305,8 @@ public:
 
     // What the pool was made with.
     const PoolOptions options;
+    // Called in resultReceived after taskEnded: the program's own handling of the result.
+    std::function<void()> whileTakingResult;
 
 private:
     const std::string runRequestType = c_testRunRequestType;
@@ -326,7 +330,8 @@ public:
     }
     bool canHandle(Request* request) override {
         ++canHandleCalls;
-        return acceptRunRequests && dynamic_cast<TestRunRequest*>(request) != nullptr;
+        return acceptRunRequests && dynamic_cast<TestRunRequest*>(request) != nullptr &&
+               request->getType() == c_testRunRequestType;
     }
     std::shared_ptr<RequestEncoder> doWork(DistributedWorker* worker,
                                            std::shared_ptr<Reply> input) override {
@@ -439,17 +444,42 @@ inline long long millisecondsSince(std::chrono::steady_clock::time_point start) 
 }
 
 // Every test works below a temporary directory of its own: the core accounting registry and
-// every other file of this process go there.
+// every other file of this process go there. Settings and paths are put back afterwards, for a
+// run of several tests in one process.
 class DistributedWorkerTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        const char* path = std::getenv("KS_PATH_TMP");
+        hadPathEnvironment = path != nullptr;
+        oldPathEnvironment = path ? path : "";
+        oldPath = PathConfiguration::getKsPathTmp();
         ::setenv("KS_PATH_TMP", tmp.file("ks").c_str(), 1);
         PathConfiguration::setKsPathTmp(FileName(tmp.file("ks")));
         registerTestSchemas();
     }
+    void TearDown() override {
+        for (const auto& entry : savedSettings)
+            settings()->setValue(entry.first, entry.second);
+        PathConfiguration::setKsPathTmp(oldPath);
+        if (hadPathEnvironment)
+            ::setenv("KS_PATH_TMP", oldPathEnvironment.c_str(), 1);
+        else
+            ::unsetenv("KS_PATH_TMP");
+    }
+
+    void setSetting(const std::string& name, const std::string& value) {
+        savedSettings.emplace(name, settings()->getValueText(name));
+        settings()->setValue(name, value);
+    }
 
     TestSupport::TempDir tmp;
     LogCapture capture;
+
+private:
+    std::map<std::string, std::string> savedSettings;
+    bool hadPathEnvironment = false;
+    std::string oldPathEnvironment;
+    FileName oldPath;
 };
 
 } // namespace Testing
