@@ -47,12 +47,14 @@ std::optional<WorkerCommandLine> WorkerCommandLine::parse(const std::vector<std:
             if (i + 1 < args.size() && !args[i + 1].empty() && args[i + 1][0] != '-')
                 worker.jobId = args[++i];
         } else if (arg == "-jobSchedulerDistributedWorker") {
-            worker.poolId = CommandLineValue::takeValue(args, i);
-            worker.poolHost = CommandLineValue::takeValue(args, i);
-            worker.poolPort = static_cast<unsigned int>(
-                number(arg, CommandLineValue::takeValue(args, i), 1, 65535));
-            worker.workerId = static_cast<unsigned int>(
-                number(arg, CommandLineValue::takeValue(args, i), 0, 1000000));
+            if (i + 4 >= args.size())
+                throw std::invalid_argument("Missing values for option " + arg +
+                                            ": expected POOL HOST PORT NUMBER");
+            worker.poolId = args[i + 1];
+            worker.poolHost = args[i + 2];
+            worker.poolPort = static_cast<unsigned int>(number(arg, args[i + 3], 1, 65535));
+            worker.workerId = static_cast<unsigned int>(number(arg, args[i + 4], 0, 1000000));
+            i += 4;
             if (worker.poolId.empty() || worker.poolHost.empty())
                 throw std::invalid_argument("Empty pool id or host for option " + arg);
         } else {

