@@ -2,6 +2,7 @@
 
 #include "Platform/RemoteComputation/Service/RequestHandling/CheckJobSchedulerWorkersThread.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/DistributedWorkerCallbackRequest.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/DistributedWorkerRequestHandler.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/DistributedWorkerResultRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/DistributedWorkerSubscriber.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/DistributedWorkerTask.h"
@@ -26,6 +27,7 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/UniqueID.h"
 
+#include <boost/algorithm/string/join.hpp>
 #include <boost/thread/shared_mutex.hpp>
 
 #include <algorithm>
@@ -50,10 +52,6 @@ std::string lowerFirst(std::string text) {
     return text;
 }
 
-std::string encodeStatusReply(ReplyEncoder& reply, const std::string& status) {
-    reply.addElement("status", status);
-    return reply.getEncodedReply(c_indent, c_elementIndent);
-}
 } // namespace
 
 std::map<std::string, DistributedWorkerPool*> DistributedWorkerPool::s_existingPools;
@@ -181,8 +179,7 @@ DistributedWorkerPool::getInput(GetDistributedWorkerInputRequest* request) {
         boost::unique_lock<boost::mutex> lock(taskMutex);
         auto stopReply = [&] {
             KS_INFO("No more waiting tasks in pool " << id);
-            ReplyEncoder reply(getInputReplyType(), *request);
-            return std::make_shared<std::string>(encodeStatusReply(reply, "STOP"));
+            return inputStatusReply(*request, "STOP");
         };
         if (stopping)
             return stopReply();
@@ -197,15 +194,13 @@ DistributedWorkerPool::getInput(GetDistributedWorkerInputRequest* request) {
             return stopReply();
         if (waitingTasks.empty()) {
             KS_INFO("No tasks available");
-            ReplyEncoder reply(getInputReplyType(), *request);
-            return std::make_shared<std::string>(encodeStatusReply(reply, "WAIT"));
+            return inputStatusReply(*request, "WAIT");
         }
         const unsigned int limit = settings.getMaxParallelTasks();
         if (limit != 0 && runningTasks.size() >= limit) {
             KS_INFO("Maximal number of parallel running tasks reached (" << runningTasks.size()
                                                                          << "/" << limit << ")");
-            ReplyEncoder reply(getInputReplyType(), *request);
-            return std::make_shared<std::string>(encodeStatusReply(reply, "WAIT"));
+            return inputStatusReply(*request, "WAIT");
         }
         task = waitingTasks.front();
         waitingTasks.pop_front();
@@ -216,8 +211,7 @@ DistributedWorkerPool::getInput(GetDistributedWorkerInputRequest* request) {
     }
     if (task->isDummy()) {
         KS_INFO("Dummy task in pool " << id);
-        ReplyEncoder reply(getInputReplyType(), *request);
-        return std::make_shared<std::string>(encodeStatusReply(reply, "STOP"));
+        return inputStatusReply(*request, "STOP");
     }
     ReplyEncoder reply(getInputReplyType(), *request);
     reply.addElement("status", "OK");
@@ -230,6 +224,12 @@ DistributedWorkerPool::getInput(GetDistributedWorkerInputRequest* request) {
         return inputFailed(request, task, "Unknown exception");
     }
     return std::make_shared<std::string>(reply.getEncodedReply(c_indent, c_elementIndent));
+}
+
+std::shared_ptr<std::string>
+DistributedWorkerPool::inputStatusReply(const GetDistributedWorkerInputRequest& request,
+                                        const std::string& status) {
+    return DistributedWorkerRequestHandler::statusReply(getInputReplyType(), request, status);
 }
 
 std::shared_ptr<std::string>
@@ -248,8 +248,7 @@ DistributedWorkerPool::inputFailed(GetDistributedWorkerInputRequest* request,
     if (takeRunningTask(task->getId(), true))
         reportFailure(task, request->getName(), "Exception while getting input:\n" + text);
     // The worker stays in service.
-    ReplyEncoder reply(getInputReplyType(), *request);
-    return std::make_shared<std::string>(encodeStatusReply(reply, "WAIT"));
+    return inputStatusReply(*request, "WAIT");
 }
 
 std::shared_ptr<DistributedWorkerTask>
@@ -346,6 +345,11 @@ void DistributedWorkerPool::failWaitingTasks(const std::string& reason) {
 
 bool DistributedWorkerPool::startWorkers() {
     boost::lock_guard<boost::mutex> lock(workerMutex);
+    // Before any run request leaves: a worker may end at once.
+    if (RequestServer* server = RequestServer::getInstance(-1, 0)) {
+        replyConnection = server->getReplyHandler().getReplyReceivedSignal().connect(
+            Signals::Slot<void(const std::string&)>(&DistributedWorkerPool::replyReceived));
+    }
     return settings.useJobScheduler() ? startJobSchedulerWorkers() : startHostWorkers();
 }
 
@@ -427,10 +431,6 @@ std::vector<WorkerProcess> DistributedWorkerPool::createHostWorkerProcesses() {
 bool DistributedWorkerPool::startHostWorkers() {
     workerProcesses = createHostWorkerProcesses();
     workerProcessCount = workerProcesses.size();
-    if (RequestServer* server = RequestServer::getInstance(-1, 0)) {
-        replyConnection = server->getReplyHandler().getReplyReceivedSignal().connect(
-            Signals::Slot<void(const std::string&)>(&DistributedWorkerPool::replyReceived));
-    }
     unsigned int started = 0;
     for (bool more = true; more;) {
         more = false;
@@ -529,10 +529,6 @@ bool DistributedWorkerPool::startJobSchedulerWorkers() {
     const std::string& script = settings.getJobSchedulerScript();
     KS_TRACE("Starting " << jobs << " workers using job scheduler");
     RequestServer* server = RequestServer::getInstance(-1, 0);
-    if (server) {
-        replyConnection = server->getReplyHandler().getReplyReceivedSignal().connect(
-            Signals::Slot<void(const std::string&)>(&DistributedWorkerPool::replyReceived));
-    }
     for (unsigned int i = 0; i < jobs; ++i) {
         WorkerProcess process;
         process.name = "JobSchedulerWorker_" + std::to_string(i);
@@ -548,9 +544,7 @@ bool DistributedWorkerPool::startJobSchedulerWorkers() {
         command.push_back(std::to_string(i));
         for (const auto& arg : LoggingSettings::get()->getCmdArgs())
             command.push_back(arg);
-        std::string commandLine;
-        for (const auto& arg : command)
-            commandLine += (commandLine.empty() ? "" : " ") + arg;
+        const std::string commandLine = boost::algorithm::join(command, " ");
 
         Computing::LSFSubmitInfo info;
         info.cores = static_cast<int>(getJobSchedulerWorkerCores());
@@ -595,11 +589,10 @@ bool DistributedWorkerPool::startJobSchedulerWorkers() {
 std::shared_ptr<std::string>
 DistributedWorkerPool::callbackReceived(DistributedWorkerCallbackRequest* request) {
     boost::lock_guard<boost::mutex> lock(workerMutex);
-    ReplyEncoder reply("AckReply", *request);
     const unsigned int workerId = request->getWorkerId();
     if (stopping) {
         KS_INFO("Pool is stopping: stop worker " << workerId);
-        return std::make_shared<std::string>(encodeStatusReply(reply, "STOP"));
+        return DistributedWorkerRequestHandler::statusReply("AckReply", *request, "STOP");
     }
     const std::string name = "JobSchedulerWorker_" + std::to_string(workerId);
     auto found =
@@ -607,11 +600,13 @@ DistributedWorkerPool::callbackReceived(DistributedWorkerCallbackRequest* reques
                      [&name](const WorkerProcess& process) { return process.name == name; });
     if (found == workerProcesses.end()) {
         KS_ERROR("No worker found for id " << workerId);
-        return std::make_shared<std::string>(encodeStatusReply(reply, "WORKER_NOT_FOUND"));
+        return DistributedWorkerRequestHandler::statusReply("AckReply", *request,
+                                                            "WORKER_NOT_FOUND");
     }
     if (found->workersToStart <= 0) {
         KS_ERROR("No unstarted workers for id " << workerId);
-        return std::make_shared<std::string>(encodeStatusReply(reply, "WORKER_ALREADY_STARTED"));
+        return DistributedWorkerRequestHandler::statusReply("AckReply", *request,
+                                                            "WORKER_ALREADY_STARTED");
     }
     const HostInfo& host = request->getHost();
     KS_INFO("Callback for worker " << name << " received. " << host.toString());
@@ -628,7 +623,7 @@ DistributedWorkerPool::callbackReceived(DistributedWorkerCallbackRequest* reques
                                            << found->client.get() << ").\n"
                                            << e.what());
     }
-    return std::make_shared<std::string>(encodeStatusReply(reply, "OK"));
+    return DistributedWorkerRequestHandler::statusReply("AckReply", *request, "OK");
 }
 
 void DistributedWorkerPool::replyReceived(const std::string& requestId) {

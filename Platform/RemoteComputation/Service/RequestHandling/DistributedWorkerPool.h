@@ -142,6 +142,8 @@ private:
     // Fails the task of a lost worker, if it had one.
     void failTaskOfWorker(const std::string& workerName, const std::string& reason,
                           const char* whatHappened);
+    std::shared_ptr<std::string> inputStatusReply(const GetDistributedWorkerInputRequest& request,
+                                                  const std::string& status);
     std::shared_ptr<std::string> inputFailed(GetDistributedWorkerInputRequest* request,
                                              std::shared_ptr<DistributedWorkerTask> task,
                                              const std::string& text);

@@ -34,13 +34,15 @@ const unsigned int c_shutdownGraceMs = 10000;
                             __LINE__);
 }
 
-std::shared_ptr<std::string> statusReply(const std::string& type, const Request& request,
-                                         const std::string& status) {
+} // namespace
+
+std::shared_ptr<std::string>
+DistributedWorkerRequestHandler::statusReply(const std::string& type, const Request& request,
+                                             const std::string& status) {
     ReplyEncoder reply(type, request);
     reply.addElement("status", status);
     return std::make_shared<std::string>(reply.getEncodedReply(c_indent, c_elementIndent));
 }
-} // namespace
 
 std::shared_ptr<DistributedWorkerRequestHandler> DistributedWorkerRequestHandler::s_instance;
 boost::mutex DistributedWorkerRequestHandler::s_mutex;

@@ -41,6 +41,11 @@ public:
     // request, one of another kind, and a run request that no implementation takes.
     std::shared_ptr<std::string> handle(Request* request) override;
 
+    // The reply of the worker protocol that carries only a status, as both of its ends encode
+    // it.
+    static std::shared_ptr<std::string> statusReply(const std::string& type, const Request& request,
+                                                    const std::string& status);
+
 private:
     DistributedWorkerRequestHandler();
     std::shared_ptr<std::string> handleCallbackRequest(DistributedWorkerCallbackRequest* request);

@@ -6,6 +6,8 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XercesPlatform.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
 
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Tests/PlainXml.h"
+
 #include <xercesc/dom/DOMDocument.hpp>
 #include <xercesc/dom/DOMElement.hpp>
 #include <xercesc/framework/MemBufInputSource.hpp>
@@ -25,22 +27,8 @@ namespace {
 
 using Settings = DistributedWorkerPoolSettings;
 
-struct DocumentReleaser {
-    void operator()(xercesc::DOMDocument* document) const { document->release(); }
-};
-using Document = std::unique_ptr<xercesc::DOMDocument, DocumentReleaser>;
-
-// Without a schema, so that fragments the schema would refuse still reach the constructor.
-Document parsePlain(const std::string& text) {
-    XercesPlatform::ensureInitialized();
-    xercesc::XercesDOMParser parser;
-    parser.setDoNamespaces(true);
-    xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()), text.size(),
-                                      "DistributedWorkerPoolSettingsTest", false);
-    parser.parse(source);
-    EXPECT_EQ(parser.getErrorCount(), 0u) << text;
-    return Document(parser.adoptDocument());
-}
+using TestXml::Document;
+using TestXml::parsePlain;
 
 Settings parse(const std::string& text) {
     Document document = parsePlain(text);

@@ -4,6 +4,8 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XercesPlatform.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
 
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Tests/PlainXml.h"
+
 #include <xercesc/dom/DOMDocument.hpp>
 #include <xercesc/dom/DOMElement.hpp>
 #include <xercesc/framework/MemBufInputSource.hpp>
@@ -26,22 +28,8 @@ using namespace Kestrane;
 
 namespace {
 
-struct DocumentReleaser {
-    void operator()(xercesc::DOMDocument* document) const { document->release(); }
-};
-using Document = std::unique_ptr<xercesc::DOMDocument, DocumentReleaser>;
-
-// Without a schema, so that values the schema would refuse still reach create().
-Document parsePlain(const std::string& text) {
-    XercesPlatform::ensureInitialized();
-    xercesc::XercesDOMParser parser;
-    parser.setDoNamespaces(true);
-    xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()), text.size(),
-                                      "LogMessageXmlTest", false);
-    parser.parse(source);
-    EXPECT_EQ(parser.getErrorCount(), 0u) << text;
-    return Document(parser.adoptDocument());
-}
+using TestXml::Document;
+using TestXml::parsePlain;
 
 LogMessage message(const std::string& text, LogMessage::Type type, const std::string& group,
                    int64_t timeStamp) {

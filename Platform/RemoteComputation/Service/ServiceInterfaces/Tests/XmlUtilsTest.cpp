@@ -1,6 +1,8 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XercesPlatform.h"
 
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Tests/PlainXml.h"
+
 #include <xercesc/dom/DOMDocument.hpp>
 #include <xercesc/dom/DOMElement.hpp>
 #include <xercesc/framework/MemBufInputSource.hpp>
@@ -15,22 +17,8 @@ using namespace Kestrane;
 
 namespace {
 
-struct DocumentReleaser {
-    void operator()(xercesc::DOMDocument* document) const { document->release(); }
-};
-using Document = std::unique_ptr<xercesc::DOMDocument, DocumentReleaser>;
-
-// Plain namespace-aware parse without a schema, so that these helpers are tested on their own.
-Document parsePlain(const std::string& text) {
-    XercesPlatform::ensureInitialized();
-    xercesc::XercesDOMParser parser;
-    parser.setDoNamespaces(true);
-    xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()), text.size(),
-                                      "XmlUtilsTest", false);
-    parser.parse(source);
-    EXPECT_EQ(parser.getErrorCount(), 0u) << text;
-    return Document(parser.adoptDocument());
-}
+using TestXml::Document;
+using TestXml::parsePlain;
 
 const char* const c_document =
     "<root xmlns=\"urn:test\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\""
