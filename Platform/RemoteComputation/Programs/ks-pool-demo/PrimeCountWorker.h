@@ -17,7 +17,8 @@ struct PrimeCountTiming {
     unsigned int coreCheckIntervalS = 1;
     unsigned int inputWaitIntervalS = 1;
     unsigned int poolMaxAliveAge = 60;
-    unsigned int poolMaxChangeAge = 300;
+    // Off: nothing in a worker acts on a still master, and the watch would warn at every poll.
+    unsigned int poolMaxChangeAge = 0;
     unsigned int workerMaxAliveAge = 30;
     unsigned int workerMaxChangeAge = 600;
 

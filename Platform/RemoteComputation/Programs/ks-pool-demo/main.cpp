@@ -56,10 +56,18 @@ sigset_t blockStopSignals() {
     return signals;
 }
 
+// Within the grace that job schedulers give between SIGTERM and SIGKILL.
+constexpr std::chrono::milliseconds c_workerStopLimit(10000);
+
 void stopServerOnSignal(sigset_t signals, RequestServer* server) {
     int signal = 0;
     if (sigwait(&signals, &signal) == 0) {
         KS_INFO("Received signal " << signal << ", stopping the worker process");
+        // The workers first, while the server still takes the replies to what they send: a
+        // server waits for the run requests that hold them.
+        if (!DistributedWorkerRequestHandler::getInstance()->stopWorkers(c_workerStopLimit))
+            KS_WARN("Workers still running " << c_workerStopLimit.count()
+                                             << " ms after the signal: stopping anyway");
         server->stop();
     }
 }

@@ -93,7 +93,18 @@ void DistributedWorker::run() {
         }
         waitUnlessStopped(lock, std::chrono::milliseconds(waitMs));
     }
+    joinAborts();
     KS_INFO("Execution of DistributedWorkerThread '" << name << "' ended.");
+}
+
+void DistributedWorker::joinAborts() {
+    std::vector<std::thread> sent;
+    {
+        std::lock_guard<std::mutex> lock(requestMutex);
+        sent.swap(aborts);
+    }
+    for (auto& abort : sent)
+        abort.join();
 }
 
 void DistributedWorker::processOneTask() {
@@ -221,17 +232,20 @@ void DistributedWorker::stop() {
         stopRequested = true;
         if (!currentRequestId.empty()) {
             KS_TRACE("Cancelling request " << currentRequestId);
-            try {
-                client->abortRequest(currentRequestId);
-            } catch (const std::exception& e) {
-                KS_WARN("Could not abort request " << currentRequestId << ": " << e.what());
-            }
+            // On its own thread: the pool may be the process that stopped answering, and the
+            // stop of a worker must not wait for a socket timeout.
+            aborts.emplace_back(
+                [client = client, id = currentRequestId] { client->abortRequest(id); });
             if (RequestServer* server = RequestServer::getInstance(-1, 0))
                 server->getReplyHandler().cancellReceiveReply(currentRequestId);
         }
     }
     coreCondition.notify_all();
     impl->stopWork();
+}
+
+DistributedWorker::~DistributedWorker() {
+    joinAborts();
 }
 
 } // namespace Kestrane

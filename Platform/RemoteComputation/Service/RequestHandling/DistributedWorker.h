@@ -8,6 +8,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace Kestrane {
 
@@ -29,6 +31,8 @@ public:
                       const std::string& name, const std::string& poolId, const GenericJobId& jobId,
                       unsigned int cores, bool releaseCoresAfterEachTask,
                       std::shared_ptr<TcpRequestClient> client);
+    // Waits for the aborts that stop() sent.
+    ~DistributedWorker();
     DistributedWorker(const DistributedWorker&) = delete;
     DistributedWorker& operator=(const DistributedWorker&) = delete;
 
@@ -50,6 +54,8 @@ private:
     void waitUnlessStopped(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds wait);
     // 0.5 to 1 times the core check interval, so that workers that compete drift apart.
     unsigned int randomCoreWaitMs() const;
+    // On the run's own thread, so that the pool hears of the abort before the run's reply.
+    void joinAborts();
     void sendResult(const std::string& taskId, std::shared_ptr<RequestEncoder> result);
 
     std::shared_ptr<DistributedWorkerRequestHandlerImpl> impl;
@@ -66,6 +72,7 @@ private:
     bool waitForInput = false;
     std::string currentRequestId;
     std::mutex requestMutex;
+    std::vector<std::thread> aborts;
 };
 
 } // namespace Kestrane

@@ -56,6 +56,7 @@ std::string lowerFirst(std::string text) {
 
 std::map<std::string, DistributedWorkerPool*> DistributedWorkerPool::s_existingPools;
 boost::mutex DistributedWorkerPool::s_existingPoolsMutex;
+boost::condition_variable_any DistributedWorkerPool::s_callEnded;
 std::map<std::string, DistributedWorkerPool*> DistributedWorkerPool::s_runningWorkerRequestIds;
 boost::mutex DistributedWorkerPool::s_runningWorkerRequestIdsMutex;
 
@@ -77,8 +78,9 @@ DistributedWorkerPool::DistributedWorkerPool(
 
 DistributedWorkerPool::~DistributedWorkerPool() {
     {
-        boost::lock_guard<boost::mutex> lock(s_existingPoolsMutex);
+        boost::unique_lock<boost::mutex> lock(s_existingPoolsMutex);
         s_existingPools.erase(id);
+        s_callEnded.wait(lock, [this] { return callsInProgress == 0; });
     }
     {
         boost::lock_guard<boost::mutex> lock(s_runningWorkerRequestIdsMutex);
@@ -111,6 +113,29 @@ DistributedWorkerPool* DistributedWorkerPool::getExistingPool(const std::string&
     boost::lock_guard<boost::mutex> lock(s_existingPoolsMutex);
     auto found = s_existingPools.find(id);
     return found != s_existingPools.end() ? found->second : nullptr;
+}
+
+bool DistributedWorkerPool::callExistingPool(
+    const std::string& id, const std::function<void(DistributedWorkerPool&)>& call) {
+    DistributedWorkerPool* pool = nullptr;
+    {
+        boost::lock_guard<boost::mutex> lock(s_existingPoolsMutex);
+        auto found = s_existingPools.find(id);
+        if (found == s_existingPools.end())
+            return false;
+        pool = found->second;
+        ++pool->callsInProgress;
+    }
+    struct Leave {
+        DistributedWorkerPool* pool;
+        ~Leave() {
+            boost::lock_guard<boost::mutex> lock(s_existingPoolsMutex);
+            --pool->callsInProgress;
+            s_callEnded.notify_all();
+        }
+    } leave{pool};
+    call(*pool);
+    return true;
 }
 
 void DistributedWorkerPool::setJobLog(std::shared_ptr<AbstractJobLog> log) {
@@ -588,41 +613,45 @@ bool DistributedWorkerPool::startJobSchedulerWorkers() {
 
 std::shared_ptr<std::string>
 DistributedWorkerPool::callbackReceived(DistributedWorkerCallbackRequest* request) {
-    boost::lock_guard<boost::mutex> lock(workerMutex);
     const unsigned int workerId = request->getWorkerId();
-    if (stopping) {
-        KS_INFO("Pool is stopping: stop worker " << workerId);
-        return DistributedWorkerRequestHandler::statusReply("AckReply", *request, "STOP");
-    }
     const std::string name = "JobSchedulerWorker_" + std::to_string(workerId);
-    auto found =
-        std::find_if(workerProcesses.begin(), workerProcesses.end(),
-                     [&name](const WorkerProcess& process) { return process.name == name; });
-    if (found == workerProcesses.end()) {
-        KS_ERROR("No worker found for id " << workerId);
-        return DistributedWorkerRequestHandler::statusReply("AckReply", *request,
-                                                            "WORKER_NOT_FOUND");
+    {
+        boost::lock_guard<boost::mutex> lock(workerMutex);
+        if (stopping) {
+            KS_INFO("Pool is stopping: stop worker " << workerId);
+            return DistributedWorkerRequestHandler::statusReply("AckReply", *request, "STOP");
+        }
+        auto found =
+            std::find_if(workerProcesses.begin(), workerProcesses.end(),
+                         [&name](const WorkerProcess& process) { return process.name == name; });
+        if (found == workerProcesses.end()) {
+            KS_ERROR("No worker found for id " << workerId);
+            return DistributedWorkerRequestHandler::statusReply("AckReply", *request,
+                                                                "WORKER_NOT_FOUND");
+        }
+        if (found->workersToStart <= 0) {
+            KS_ERROR("No unstarted workers for id " << workerId);
+            return DistributedWorkerRequestHandler::statusReply("AckReply", *request,
+                                                                "WORKER_ALREADY_STARTED");
+        }
+        const HostInfo& host = request->getHost();
+        KS_INFO("Callback for worker " << name << " received. " << host.toString());
+        found->workersToStart -= 1;
+        found->client = std::make_shared<TcpRequestClient>(name, host);
+        try {
+            sendRunRequest(*found, name);
+            watchWorker(*found, host, name);
+            appendToLog(workerName + " " + name + " started on " + host.getIpOrName() + "\n");
+            return DistributedWorkerRequestHandler::statusReply("AckReply", *request, "OK");
+        } catch (const std::exception& e) {
+            KS_WARN("Error starting worker: '" << found->client->getDescription() << "' ("
+                                               << found->client.get() << ").\n"
+                                               << e.what());
+        }
     }
-    if (found->workersToStart <= 0) {
-        KS_ERROR("No unstarted workers for id " << workerId);
-        return DistributedWorkerRequestHandler::statusReply("AckReply", *request,
-                                                            "WORKER_ALREADY_STARTED");
-    }
-    const HostInfo& host = request->getHost();
-    KS_INFO("Callback for worker " << name << " received. " << host.toString());
-    found->workersToStart -= 1;
-    found->client = std::make_shared<TcpRequestClient>(name, host);
-    // The reply goes first, so that the worker's program waits for the run request; the run
-    // request is sent on another thread of this server then.
-    try {
-        sendRunRequest(*found, name);
-        watchWorker(*found, host, name);
-        appendToLog(workerName + " " + name + " started on " + host.getIpOrName() + "\n");
-    } catch (const std::exception& e) {
-        KS_WARN("Error starting worker: '" << found->client->getDescription() << "' ("
-                                           << found->client.get() << ").\n"
-                                           << e.what());
-    }
+    // A worker without its run request would never get a task: it is given up like a lost one
+    // (outside the lock, which giving up takes again).
+    forgetWorker(name, WorkerEnd::Lost);
     return DistributedWorkerRequestHandler::statusReply("AckReply", *request, "OK");
 }
 
@@ -722,11 +751,14 @@ void DistributedWorkerPool::forgetWorker(const std::string& worker, WorkerEnd en
     bool noneLeft = false;
     {
         boost::lock_guard<boost::mutex> lock(workerMutex);
-        auto process = std::find_if(workerProcesses.begin(), workerProcesses.end(),
-                                    [&worker](const WorkerProcess& candidate) {
-                                        return candidate.requestIds.count(worker) > 0 ||
-                                               (!candidate.client && candidate.name == worker);
-                                    });
+        auto process =
+            std::find_if(workerProcesses.begin(), workerProcesses.end(),
+                         [&worker](const WorkerProcess& candidate) {
+                             // A job that never called back or whose run
+                             // request failed has no requests of its own.
+                             return candidate.requestIds.count(worker) > 0 ||
+                                    (candidate.requestIds.empty() && candidate.name == worker);
+                         });
         if (process == workerProcesses.end())
             return;
         if (process->requestIds.count(worker)) {

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -75,6 +76,10 @@ public:
     std::shared_ptr<std::string> handleResult(DistributedWorkerResultRequest& request);
 
     static DistributedWorkerPool* getExistingPool(const std::string& id);
+    // Runs `call` on the pool of that id, which is not destroyed before the call returns; false
+    // without such a pool. The way in for the requests of the worker protocol.
+    static bool callExistingPool(const std::string& id,
+                                 const std::function<void(DistributedWorkerPool&)>& call);
     const std::string& getId() const { return id; }
     unsigned int getMaxParallelTasks() const { return settings.getMaxParallelTasks(); }
     void setJobLog(std::shared_ptr<AbstractJobLog> jobLog);
@@ -201,6 +206,10 @@ private:
 
     static std::map<std::string, DistributedWorkerPool*> s_existingPools;
     static boost::mutex s_existingPoolsMutex;
+    // Calls of the worker protocol under way, under s_existingPoolsMutex: the destructor waits
+    // for them.
+    size_t callsInProgress = 0;
+    static boost::condition_variable_any s_callEnded;
     static std::map<std::string, DistributedWorkerPool*> s_runningWorkerRequestIds;
     static boost::mutex s_runningWorkerRequestIdsMutex;
 };

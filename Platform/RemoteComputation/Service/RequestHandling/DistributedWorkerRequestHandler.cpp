@@ -107,27 +107,33 @@ std::shared_ptr<std::string> DistributedWorkerRequestHandler::handle(Request* re
 
 std::shared_ptr<std::string>
 DistributedWorkerRequestHandler::handleCallbackRequest(DistributedWorkerCallbackRequest* request) {
-    DistributedWorkerPool* pool = DistributedWorkerPool::getExistingPool(request->getPoolId());
-    if (!pool)
+    std::shared_ptr<std::string> reply;
+    if (!DistributedWorkerPool::callExistingPool(
+            request->getPoolId(),
+            [&](DistributedWorkerPool& pool) { reply = pool.callbackReceived(request); }))
         return statusReply("AckReply", *request, "POOL_NOT_FOUND");
-    return pool->callbackReceived(request);
+    return reply;
 }
 
 std::shared_ptr<std::string>
 DistributedWorkerRequestHandler::handleGetInputRequest(GetDistributedWorkerInputRequest* request) {
-    DistributedWorkerPool* pool = DistributedWorkerPool::getExistingPool(request->getPoolId());
+    std::shared_ptr<std::string> reply;
     // The base type, whatever the program's own: a worker that expects another type stops.
-    if (!pool)
+    if (!DistributedWorkerPool::callExistingPool(
+            request->getPoolId(),
+            [&](DistributedWorkerPool& pool) { reply = pool.getInput(request); }))
         return statusReply("GetDistributedWorkerInputReply", *request, "POOL_NOT_FOUND");
-    return pool->getInput(request);
+    return reply;
 }
 
 std::shared_ptr<std::string>
 DistributedWorkerRequestHandler::handleResultRequest(DistributedWorkerResultRequest* request) {
-    DistributedWorkerPool* pool = DistributedWorkerPool::getExistingPool(request->getPoolId());
-    if (!pool)
+    std::shared_ptr<std::string> reply;
+    if (!DistributedWorkerPool::callExistingPool(
+            request->getPoolId(),
+            [&](DistributedWorkerPool& pool) { reply = pool.handleResult(*request); }))
         return statusReply("AckReply", *request, "POOL_NOT_FOUND");
-    return pool->handleResult(*request);
+    return reply;
 }
 
 std::shared_ptr<std::string>
@@ -176,10 +182,33 @@ DistributedWorkerRequestHandler::handleRunWorkerRequest(RunDistributedWorkerRequ
     client->setPublisherPort(-1);
     Signals::Connection abortConnection =
         request->getAbortSignal().connect(Signals::slot(worker, &DistributedWorker::stop));
+    {
+        boost::lock_guard<boost::mutex> lock(m_mutex);
+        m_runningWorkers.insert(worker);
+    }
     worker->run();
+    {
+        boost::lock_guard<boost::mutex> lock(m_mutex);
+        m_runningWorkers.erase(worker);
+        m_workerEnded.notify_all();
+    }
     watcherConnection.disconnect();
     abortConnection.disconnect();
     return statusReply("AckReply", *request, request->isAborted() ? "ABORTED" : "OK");
+}
+
+bool DistributedWorkerRequestHandler::stopWorkers(std::chrono::milliseconds limit) {
+    std::set<std::shared_ptr<DistributedWorker>> running;
+    {
+        boost::lock_guard<boost::mutex> lock(m_mutex);
+        running = m_runningWorkers;
+    }
+    // Outside the lock: a stop ends a run, which takes the lock to leave the set.
+    for (const auto& worker : running)
+        worker->stop();
+    boost::unique_lock<boost::mutex> lock(m_mutex);
+    return m_workerEnded.wait_for(lock, boost::chrono::milliseconds(limit.count()),
+                                  [this] { return m_runningWorkers.empty(); });
 }
 
 void DistributedWorkerRequestHandler::shutdown() {

@@ -3,15 +3,20 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/AbstractRequestHandler.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Signals.h"
 
+#include <boost/chrono.hpp>
+#include <boost/thread/condition_variable.hpp>
 #include <boost/thread/mutex.hpp>
 
+#include <chrono>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 namespace Kestrane {
 
 class DistributedWorkerCallbackRequest;
+class DistributedWorker;
 class DistributedWorkerRequestHandlerImpl;
 class DistributedWorkerResultRequest;
 class GetDistributedWorkerInputRequest;
@@ -41,6 +46,11 @@ public:
     // request, one of another kind, and a run request that no implementation takes.
     std::shared_ptr<std::string> handle(Request* request) override;
 
+    // Stops every worker of this process (a signal to end it) and waits up to `limit` for their
+    // run requests to end; false if some still run then. The server must still accept meanwhile:
+    // a worker may wait for the reply to a result it has sent.
+    bool stopWorkers(std::chrono::milliseconds limit);
+
     // The reply of the worker protocol that carries only a status, as both of its ends encode
     // it.
     static std::shared_ptr<std::string> statusReply(const std::string& type, const Request& request,
@@ -59,6 +69,8 @@ private:
     LivingProcessWatcher* m_poolWatcher = nullptr;
     boost::mutex m_mutex;
     Signals::Connection m_shutdownConnection;
+    std::set<std::shared_ptr<DistributedWorker>> m_runningWorkers;
+    boost::condition_variable m_workerEnded;
 
     static std::shared_ptr<DistributedWorkerRequestHandler> s_instance;
     static boost::mutex s_mutex;

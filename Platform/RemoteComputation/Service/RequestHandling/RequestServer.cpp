@@ -143,7 +143,11 @@ void RequestServer::shutdownAfterLoop() {
 
 void RequestServer::stop() {
     KS_DEBUG("Stop RequestServer " << describe());
-    m_stopping = true;
+    {
+        boost::lock_guard<boost::mutex> lock(m_shutdownMutex);
+        m_stopping = true;
+        m_shutdownCondition.notify_all();
+    }
     try {
         // Wakes accept(); the text is never read.
         Computing::ClientSocket wakeUp;
@@ -236,8 +240,11 @@ bool RequestServer::sendSocketPackets(const std::string& requestId,
                 const unsigned int delay = config->getSendReplyRetryDelay();
                 KS_INFO("Sending reply failed (" << attempt << "/" << maxRetry << "). Waiting "
                                                  << delay << " seconds to retry...");
-                // In seconds: a large setting must not wrap around in milliseconds.
-                std::this_thread::sleep_for(std::chrono::seconds(delay));
+                // In seconds: a large setting must not wrap around in milliseconds. A server
+                // that is shutting down tries the rest at once instead of outliving its peer.
+                boost::unique_lock<boost::mutex> lock(m_shutdownMutex);
+                m_shutdownCondition.wait_for(lock, boost::chrono::seconds(delay),
+                                             [this] { return m_stopping.load(); });
             }
             ++attempt;
             bool sendFailed = false;

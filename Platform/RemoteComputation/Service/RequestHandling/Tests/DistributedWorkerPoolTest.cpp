@@ -1,9 +1,11 @@
 // The pool's side of the worker protocol, driven directly: input requests, results, callbacks and
 // lost workers come in as the request handler would pass them, made from XML.
 #include "DistributedWorkerTestSupport.h"
+#include "ServerTestPeers.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/DistributedWorkerCallbackRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/DistributedWorkerPool.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/DistributedWorkerRequestHandler.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/CoresStatus.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/JobRemoveLSF.h"
@@ -348,6 +350,28 @@ TEST_F(DistributedWorkerPoolTest, PoolIsFoundByItsIdWhileItLives) {
     EXPECT_TRUE(capture.contains(LogLevel::Info, "Deleted DistributedWorkerPool " + id));
 }
 
+TEST_F(DistributedWorkerPoolTest, PoolOutlivesTheProtocolCallsUnderWayInIt) {
+    auto pool = std::make_unique<TestPool>();
+    std::atomic<bool> inputDone{false};
+    auto task = std::make_shared<TestTask>(1);
+    task->throwOnInput = [&] {
+        std::this_thread::sleep_for(300ms);
+        inputDone = true;
+    };
+    pool->addTask(task);
+    auto request = inputRequest(pool->getId(), "worker_a");
+    auto call = std::async(std::launch::async, [&] {
+        return DistributedWorkerRequestHandler::getInstance()->handle(request.get());
+    });
+    const auto deadline = Clock::now() + 2s;
+    while (pool->getRunningTaskCount() == 0 && Clock::now() < deadline)
+        std::this_thread::sleep_for(5ms);
+    ASSERT_EQ(pool->getRunningTaskCount(), 1u);
+    pool.reset();
+    EXPECT_TRUE(inputDone) << "the pool was destroyed while a call was still inside it";
+    EXPECT_NE(call.get(), nullptr);
+}
+
 // ---- starting workers on hosts ----
 
 TEST_F(DistributedWorkerPoolTest, HostWhoseCoresCannotBeReadIsSkipped) {
@@ -572,29 +596,34 @@ TEST_F(DistributedWorkerPoolJobSchedulerTest, StopWorkersRemovesJobsAndStopsLate
 TEST_F(DistributedWorkerPoolJobSchedulerTest, SecondCallbackOfAWorkerIsRefused) {
     TestPool pool(schedulerOptions(1));
     ASSERT_TRUE(pool.startWorkers());
-    // Nothing listens where the first callback says the worker is: the run request can't go.
-    auto first = callBack(pool, 0, loopbackHost(closedPort()));
-    EXPECT_EQ(statusOf(first), "OK");
+    // Stands in for the worker's server: it takes the run request, which stays open.
+    auto worker = std::make_unique<KestraneTest::ReplyCatcher>();
+    auto received = std::async(std::launch::async, [&] { return worker->catchOne("other:1"); });
+    HostInfo host = loopbackHost(worker->port());
+    host.setPublisherPort(closedPort());
+    EXPECT_EQ(statusOf(callBack(pool, 0, host)), "OK");
+    EXPECT_TRUE(received.get().closed);
+    EXPECT_EQ(pool.getStartedWorkerCount(), 1u);
+
+    auto second = callBack(pool, 0, host);
+    EXPECT_EQ(statusOf(second), "WORKER_ALREADY_STARTED");
+    EXPECT_TRUE(capture.contains(LogLevel::Error, "No unstarted workers for id 0"));
+    // Gone, so that the stop's abort of the run request is refused at once.
+    worker.reset();
+    pool.stopWorkers();
+}
+
+// A worker whose run request could not be sent would never get a task: it is given up at once,
+// and a task that waits for it fails instead of waiting for ever.
+TEST_F(DistributedWorkerPoolJobSchedulerTest, WorkerWhoseRunRequestFailedIsGivenUp) {
+    TestPool pool(schedulerOptions(1));
+    ASSERT_TRUE(pool.startWorkers());
+    EXPECT_EQ(statusOf(callBack(pool, 0, loopbackHost(closedPort()))), "OK");
     bool warned = false;
     for (const auto& message : capture.messages(LogLevel::Warn))
         warned = warned || message.rfind("Error starting worker: '", 0) == 0;
     EXPECT_TRUE(warned);
-    EXPECT_EQ(pool.getWorkerCount(), 0u);
     EXPECT_EQ(pool.getStartedWorkerCount(), 0u);
-
-    auto second = callBack(pool, 0, loopbackHost(closedPort()));
-    EXPECT_EQ(statusOf(second), "WORKER_ALREADY_STARTED");
-    EXPECT_TRUE(capture.contains(LogLevel::Error, "No unstarted workers for id 0"));
-}
-
-// A job whose run request could not be sent is left as a process with a client, no worker and
-// nothing to start: no heartbeat, ping or scheduler check ever looks at it again, so a task
-// added then waits for ever and waitForAllTasks never returns. Disabled: callbackReceived
-// (DistributedWorkerPool.cpp) catches the failed sendRunRequest, only logs it and answers "OK".
-TEST_F(DistributedWorkerPoolJobSchedulerTest, DISABLED_WorkerWhoseRunRequestFailedIsGivenUp) {
-    TestPool pool(schedulerOptions(1));
-    ASSERT_TRUE(pool.startWorkers());
-    EXPECT_EQ(statusOf(callBack(pool, 0, loopbackHost(closedPort()))), "OK");
     auto task = std::make_shared<TestTask>(1);
     pool.addTask(task);
     auto waited = std::async(std::launch::async, [&] { pool.waitForAllTasks(); });

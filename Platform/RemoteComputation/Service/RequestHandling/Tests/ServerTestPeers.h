@@ -129,7 +129,8 @@ public:
         return socket;
     }
 
-    // Reads one delivery until "CLOSE_CONNECTION" or the end of the connection. The identity
+    // Reads one delivery until "CLOSE_CONNECTION" or the end of the connection, answering a
+    // ping as a server does. The identity
     // question is answered with `identity`; with `receiveFiles` a "FILE " command is followed
     // by a file reception into `fileDir`, otherwise the command is only recorded.
     static Conversation read(Kestrane::Computing::ServerSocket& socket, const std::string& identity,
@@ -150,7 +151,9 @@ public:
                 conversation.closed = true;
                 break;
             }
-            if (command && data == "GET_HOST_AND_USER_ID") {
+            if (command && data == "PING") {
+                Kestrane::SocketPacket::send("C", "PONG", socket, "catcher");
+            } else if (command && data == "GET_HOST_AND_USER_ID") {
                 Kestrane::SocketPacket::send("C", "HOST_AND_USER_ID " + identity, socket,
                                              "catcher");
             } else if (command && (data.rfind("ARCH ", 0) == 0 || data.rfind("HDFS ", 0) == 0) &&
