@@ -47,7 +47,7 @@ fi
 
 if [ "${KS_SKIP_SANITIZER:-0}" != "1" ]; then
     asan="$root/build-asan"
-    if [ ! -f "$asan/CMakeCache.txt" ]; then
+    if [ ! -f "$asan/CMakeCache.txt" ] || [ ! -f "$asan/Makefile" ]; then
         cmake -S "$root" -B "$asan" -DCMAKE_BUILD_TYPE=Debug -DKS_SANITIZE=ON \
             -DKS_BUILD_BENCHMARKS=OFF -DKS_WARNINGS_AS_ERRORS=ON >/dev/null
     fi

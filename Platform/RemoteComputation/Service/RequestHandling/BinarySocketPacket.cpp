@@ -2,6 +2,7 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Socket.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <new>
@@ -34,10 +35,30 @@ std::string BinarySocketPacket::toString() {
 std::shared_ptr<BinarySocketPacket> BinarySocketPacket::receive(unsigned long size,
                                                                 Computing::Socket& socket,
                                                                 const std::string& label) {
-    char* data = static_cast<char*>(std::malloc(size == 0 ? 1 : size));
+    // The block grows with what arrives: a size that a peer only claims (up to 4 GB in a
+    // 60-byte command) must not reserve memory, and a block that never comes whole must not stay
+    // behind as an attachment of uninitialised bytes.
+    constexpr unsigned long c_step = 1 << 20;
+    char* data = static_cast<char*>(std::malloc(1));
     if (!data)
         throw std::bad_alloc();
-    socket.receiveDataBlock(data, size);
+    unsigned long done = 0;
+    while (done < size) {
+        const unsigned long chunk = std::min(size - done, std::max(c_step, done));
+        char* grown = static_cast<char*>(std::realloc(data, done + chunk));
+        if (!grown) {
+            std::free(data);
+            throw std::bad_alloc();
+        }
+        data = grown;
+        if (!socket.receiveDataBlock(data + done, chunk)) {
+            std::free(data);
+            throw Computing::Error(
+                "receive of a block of " + std::to_string(size) + " bytes from " + label,
+                "the connection ended after fewer than " + std::to_string(done + chunk) + " bytes");
+        }
+        done += chunk;
+    }
     auto packet = std::make_shared<BinarySocketPacket>(data, size, true);
     KS_TRACE("RECV " << label << " - BINARY dataSize=" << size);
     return packet;

@@ -19,7 +19,9 @@ public:
     char* getData() const { return m_data; }
     unsigned long getSize() const { return m_size; }
 
-    // Reads a block of `size` bytes allocated with malloc; the caller takes it over.
+    // Reads a block of `size` bytes allocated with malloc; the caller takes it over. Memory grows
+    // with the bytes that arrive; a connection that ends before the whole block throws
+    // Computing::Error and leaves nothing allocated.
     static std::shared_ptr<BinarySocketPacket>
     receive(unsigned long size, Computing::Socket& socket, const std::string& label);
     static bool send(char* data, unsigned long size, Computing::Socket& socket,

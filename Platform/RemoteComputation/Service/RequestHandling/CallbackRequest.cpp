@@ -128,6 +128,7 @@ bool CallbackRequest::forwardCallback(const std::string& callback, const std::st
         SocketPacket::send("C", "FORWARD_CALLBACK " + callback, socket, label);
         auto answer = SocketPacket::receive(socket, label);
         SocketPacket::send("C", "CLOSE_CONNECTION", socket, label);
+        socket.closeAfterPeer();
         if (answer && answer->getType() == "C" && *answer->getData() == "OK")
             return true;
         KS_WARN("Error forwarding callback to " << where);

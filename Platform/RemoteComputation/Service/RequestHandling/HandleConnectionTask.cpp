@@ -1,13 +1,18 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/HandleConnectionTask.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/AbortRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/ArchAttachment.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/BinarySocketPacket.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/CallbackRequest.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ConnectionWatch.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/DisconnectRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/FileAttachment.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/FileTransferAliveThread.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/FileTransferProgressThread.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/GetStatusRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/HandleRequestTask.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/HdfsAttachment.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/HostAndUserId.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ReconnectRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyEncoder.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/ReplyPackage.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Request.h"
@@ -15,6 +20,7 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestPackage.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServerErrorLogger.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ShutdownRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/SocketPacket.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/UnsharedTmpDir.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/AbstractJobLog.h"
@@ -38,6 +44,15 @@ Logging s_logging(__FILE__);
 
 std::string clientAddressOf(const std::shared_ptr<Computing::ServerSocket>& socket) {
     return socket ? socket->getClientIPaddress() : std::string();
+}
+
+// The server's own short requests: they must get through while long work fills the pool.
+bool isControlRequest(const Request& request) {
+    return dynamic_cast<const AbortRequest*>(&request) ||
+           dynamic_cast<const GetStatusRequest*>(&request) ||
+           dynamic_cast<const ShutdownRequest*>(&request) ||
+           dynamic_cast<const DisconnectRequest*>(&request) ||
+           dynamic_cast<const ReconnectRequest*>(&request);
 }
 
 // Takes away a directory made for a reception that left nothing in it.
@@ -86,7 +101,20 @@ void HandleConnectionTask::execute() {
 
 void HandleConnectionTask::readLoop() {
     for (;;) {
-        auto packet = SocketPacket::receive(*m_socket, m_clientAddress);
+        std::shared_ptr<SocketPacket> packet;
+        try {
+            packet = SocketPacket::receive(*m_socket, m_clientAddress);
+        } catch (...) {
+            if (!m_socket->receiveTimedOut())
+                throw;
+        }
+        // A packet cut short by the time limit is no packet: the peer fell silent.
+        if (m_socket->receiveTimedOut()) {
+            KS_WARN("Closing idle connection from " << m_clientAddress << ": nothing received for "
+                                                    << ConnectionWatch::silenceLimitSeconds()
+                                                    << " s");
+            return;
+        }
         KS_TRACE("Packet received (type = " << packet->getType() << ")");
         if (dispatch(packet) == Next::Leave)
             return;
@@ -175,8 +203,11 @@ void HandleConnectionTask::handleRequestPacket(std::shared_ptr<SocketPacket> pac
         for (const auto& path : m_tmpPaths)
             request->addTmpPath(FileName(path));
         // The connection goes on reading at once; it does not wait for the request.
-        m_requestServer->addTask(
-            std::make_shared<HandleRequestTask>(package, handler, m_requestServer));
+        auto task = std::make_shared<HandleRequestTask>(package, handler, m_requestServer);
+        if (isControlRequest(*request))
+            m_requestServer->addControlTask(std::move(task));
+        else
+            m_requestServer->addTask(std::move(task));
     } catch (const KsExceptionNested& e) {
         refuseRequestPackage(e);
     }

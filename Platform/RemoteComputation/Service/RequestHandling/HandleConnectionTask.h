@@ -18,21 +18,22 @@ class RequestServer;
 class SocketPacket;
 
 // Reads the packets of one accepted connection in a loop and dispatches them, until the peer
-// closes the conversation or something goes wrong. Runs on a worker of the server's pool. The
-// same task serves a connection that brings a request and one that brings a reply back.
+// closes the conversation, falls silent for the idle timeout, or something goes wrong. Runs on a
+// connection thread of the server, once the connection has something to read. The same task
+// serves a connection that brings a request and one that brings a reply back.
 class HandleConnectionTask : public Tasks::Task {
 public:
     HandleConnectionTask(std::shared_ptr<Computing::ServerSocket> socket,
                          RequestServer* requestServer);
+    // With the peer's address as the accept found it.
+    HandleConnectionTask(std::shared_ptr<Computing::ServerSocket> socket,
+                         RequestServer* requestServer, const std::string& clientAddress);
     ~HandleConnectionTask() override;
 
     void execute() override;
 
 private:
     enum class Next { Continue, Leave };
-
-    HandleConnectionTask(std::shared_ptr<Computing::ServerSocket> socket,
-                         RequestServer* requestServer, const std::string& clientAddress);
 
     void readLoop();
     Next dispatch(const std::shared_ptr<SocketPacket>& packet);

@@ -1,4 +1,5 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/ConnectionWatch.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/HandleConnectionTask.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Request.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestHandler.h"
@@ -81,6 +82,11 @@ RequestServer::RequestServer(int shutdownTimeout, unsigned int port, unsigned in
     m_port = static_cast<uint16_t>(m_listenSocket.getListenPort());
     m_workerPool = new Tasks::WorkerPool(config->getMaxRequestHandlerPoolSize(),
                                          static_cast<Thread::Priority>(2));
+    m_connectionPool = std::make_unique<Tasks::WorkerPool>(config->getMaxConnections(),
+                                                           static_cast<Thread::Priority>(2));
+    m_connectionWatch = std::make_unique<ConnectionWatch>(m_listenSocket.getHandle(),
+                                                          config->getConnectionIdleTimeout(),
+                                                          config->getMaxConnections());
     KS_DEBUG("Created new RequestServer " << this << " on " << m_hostName << ":" << m_port);
 }
 
@@ -91,11 +97,15 @@ RequestServer::~RequestServer() {
         delete m_serverTimeoutThread;
         m_serverTimeoutThread = nullptr;
     }
+    if (m_connectionPool)
+        m_connectionPool->waitForAllTasks();
     if (m_workerPool) {
         m_workerPool->waitForAllTasks();
         delete m_workerPool;
         m_workerPool = nullptr;
     }
+    m_connectionPool.reset();
+    m_connectionWatch.reset();
     DeletePathThread::shutdown();
     KS_DEBUG("RequestServer " << describe() << " destroyed.");
 }
@@ -108,25 +118,35 @@ std::string RequestServer::describe() const {
 
 void RequestServer::executeRun() {
     KS_INFO("RequestServer " << describe() << " waiting for connections...");
-    while (!m_stopping) {
-        KS_TRACE("RequestServer " << describe() << " waiting for next connection...");
-        auto socket = std::make_shared<Computing::ServerSocket>(m_listenSocket.accept());
-        if (m_stopping) {
-            KS_INFO("RequestServer " << describe() << " exiting main loop...");
-            break;
-        }
-        KS_DEBUG("RequestServer " << describe() << " received connection from "
-                                  << socket->getClientIPaddress());
-        m_workerPool->addTask(std::make_shared<HandleConnectionTask>(socket, this));
+    const auto handOver = [this](std::shared_ptr<Computing::ServerSocket> socket,
+                                 const std::string& peer) {
+        if (m_stopping)
+            return;
+        KS_DEBUG("RequestServer " << describe() << " received connection from " << peer);
+        m_connectionPool->addTask(std::make_shared<HandleConnectionTask>(socket, this, peer));
         if (m_serverTimeoutThread)
             m_serverTimeoutThread->setActivity();
+    };
+    while (!m_stopping) {
+        KS_TRACE("RequestServer " << describe() << " waiting for next connection...");
+        try {
+            m_connectionWatch->waitOnce(handOver, std::chrono::seconds(1));
+        } catch (const Computing::Error& e) {
+            // Only a broken watch gets here; a pause keeps the loop from spinning on it.
+            KS_ERROR("RequestServer " << describe() << ": " << e.what());
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
     }
+    KS_INFO("RequestServer " << describe() << " exiting main loop...");
     shutdownAfterLoop();
 }
 
 void RequestServer::shutdownAfterLoop() {
     KS_DEBUG("RequestServer " << describe() << " stopping. Waiting for all workers to finish...");
+    // Connections first: they may still queue requests.
+    m_connectionPool->waitForAllTasks();
     m_workerPool->waitForAllTasks();
+    m_connectionPool->waitForAllTasks();
     DeletePathThread::shutdown();
     if (m_serverTimeoutThread) {
         // The watchdog has nothing left to watch.
@@ -148,15 +168,7 @@ void RequestServer::stop() {
         m_stopping = true;
         m_shutdownCondition.notify_all();
     }
-    try {
-        // Wakes accept(); the text is never read.
-        Computing::ClientSocket wakeUp;
-        wakeUp.connect("localhost", m_port);
-        wakeUp.sndMsg("STOP");
-    } catch (const Computing::Error& e) {
-        KS_WARN("Could not wake the accept loop of RequestServer " << describe() << ": "
-                                                                   << e.what());
-    }
+    m_connectionWatch->wake();
 }
 
 void RequestServer::waitForShutdown() {
@@ -175,6 +187,10 @@ bool RequestServer::isStopped() {
 
 void RequestServer::addTask(std::shared_ptr<Tasks::Task> task) {
     m_workerPool->addTask(std::move(task));
+}
+
+void RequestServer::addControlTask(std::shared_ptr<Tasks::Task> task) {
+    m_connectionPool->addTask(std::move(task));
 }
 
 void RequestServer::addRequestPackage(std::shared_ptr<RequestPackage> package) {
@@ -279,6 +295,7 @@ bool RequestServer::sendSocketPackets(const std::string& requestId,
             }
             try {
                 SocketPacket::send("C", "CLOSE_CONNECTION", socket, label);
+                socket.closeAfterPeer();
             } catch (const Computing::Error& e) {
                 KS_DEBUG("SocketException while closing connection: " << e.what());
             }
@@ -355,6 +372,7 @@ bool RequestServer::ping(const std::string& host, unsigned int port) {
         SocketPacket::send("C", "PING", socket, label);
         auto answer = SocketPacket::receive(socket, label);
         SocketPacket::send("C", "CLOSE_CONNECTION", socket, label);
+        socket.closeAfterPeer();
         if (answer->getType() == "C" && *answer->getData() == "PONG")
             return true;
         KS_INFO("Error pinging " << host << ":" << port << ".");

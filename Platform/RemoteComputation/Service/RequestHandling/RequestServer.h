@@ -21,13 +21,15 @@
 namespace Kestrane {
 
 class AbstractSocketPacket;
+class ConnectionWatch;
 class RequestHandler;
 class RequestPackage;
 class RequestServerErrorLogger;
 
-// The one TCP server of a process. It owns the listening socket, the accept thread, one pool of
-// worker threads for connection and request tasks, and an optional idle watchdog. Made by
-// getInstance(), never by a host.
+// The one TCP server of a process. It owns the listening socket, the accept thread, a pool of
+// worker threads for request tasks, threads for connections and control requests (so that a
+// ping, a status query or an abort never waits behind long work), and an optional idle watchdog.
+// Made by getInstance(), never by a host.
 class RequestServer : public Thread, private AbstractRequestServer {
 public:
     // The idle watchdog: once a second it looks whether anything is going on, and stops the
@@ -66,6 +68,8 @@ public:
     void waitForShutdown();
     bool isStopped();
     void addTask(std::shared_ptr<Tasks::Task> task);
+    // For short work that must not queue behind requests: connections, control requests.
+    void addControlTask(std::shared_ptr<Tasks::Task> task);
 
     // The registry of requests under execution, keyed by request id: where their replies go.
     void addRequestPackage(std::shared_ptr<RequestPackage> package);
@@ -121,6 +125,9 @@ private:
     std::string m_ip;
     RequestHandler* m_requestHandler = nullptr;
     Tasks::WorkerPool* m_workerPool = nullptr;
+    // One thread per busy connection, up to the connection limit; idle threads are kept.
+    std::unique_ptr<Tasks::WorkerPool> m_connectionPool;
+    std::unique_ptr<ConnectionWatch> m_connectionWatch;
     std::atomic<bool> m_stopping{false};
     bool m_stopped = false;
     boost::condition_variable_any m_shutdownCondition;

@@ -365,6 +365,7 @@ void TcpRequestClient::sendRequest(const std::string& request, std::shared_ptr<P
         }
         SocketPacket::send("RQ", package, *socket, label);
         SocketPacket::send("C", "CLOSE_CONNECTION", *socket, label);
+        socket->closeAfterPeer();
     } catch (const Computing::Error& e) {
         failWith(std::string("Error sending request: exception while sending!\n") + e.what(), e);
     }

@@ -36,6 +36,8 @@ bool WorkerProcessPingThread::isListening(const HostInfo& host, std::string& rea
         socket.connect(host.getIpOrName(), host.getRequestServerPort());
         // Said so that the server does not count the visit as a broken conversation.
         SocketPacket::send("C", "CLOSE_CONNECTION", socket, "ping");
+        // Briefly: a stopped process takes the connection but never closes it.
+        socket.closeAfterPeer(100);
         return true;
     } catch (const std::exception& e) {
         reason = e.what();

@@ -145,7 +145,9 @@ public:
     void log(LogLevel level, const std::string& message, const char* file, const char* function,
              int line) {
         m_logger->log(spdlog::source_loc{file, line, function}, toSpd(level), message);
-        if (level >= LogLevel::Error)
+        // Warnings and worse reach a log file at once: they are what someone looks for while
+        // the process still runs.
+        if (level >= LogLevel::Warn)
             m_logger->flush();
     }
 

@@ -46,6 +46,8 @@ enum Setting {
     SocketTimeout,
     RemoteServiceKeyFile,
     JobSchedulerCommandTimeout,
+    ConnectionIdleTimeout,
+    MaxConnections,
     SettingCount
 };
 
@@ -74,6 +76,7 @@ int64_t minimumOf(size_t index) {
     case MaxRequestHandlerPoolSize:
     case AlivePublishInterval:
     case FileCopyBlockSize:
+    case MaxConnections:
         return 1;
     default:
         return 0;
@@ -150,7 +153,7 @@ RequestServerConfiguration::describeSettings() {
              "Stop the server after shutdownTimeout idle seconds"),
         info("shutdownTimeout", Kind::UInt32, "600", "s", "Idle time before an automatic stop"),
         info("maxRequestHandlerPoolSize", Kind::UInt32, "64", "threads",
-             "Worker threads for connections, requests and cached replies together"),
+             "Worker threads for requests and cached replies"),
         info("sendReplyMaxRetry", Kind::UInt32, "3", "retries",
              "Retries of a failed reply delivery"),
         info("sendReplyRetryDelay", Kind::UInt32, "5", "s", "Wait between reply delivery retries"),
@@ -181,6 +184,10 @@ RequestServerConfiguration::describeSettings() {
              "Key file shared with the starter services (empty: ~/.kestrane/remote-service.key)"),
         info("jobSchedulerCommandTimeout", Kind::UInt32, "120", "s",
              "Time limit of one job scheduler command (submit, status, kill); 0: none"),
+        info("connectionIdleTimeout", Kind::UInt32, "30", "s",
+             "Silence after which the server closes a connection; 0: the socket timeout only"),
+        info("maxConnections", Kind::UInt32, "4096", "connections",
+             "Open connections the server takes; further ones are closed at once"),
     };
     return settings;
 }
@@ -370,6 +377,12 @@ bool RequestServerConfiguration::keepTempFiles() const {
 }
 unsigned int RequestServerConfiguration::getSocketTimeout() const {
     return number(SocketTimeout);
+}
+unsigned int RequestServerConfiguration::getConnectionIdleTimeout() const {
+    return number(ConnectionIdleTimeout);
+}
+unsigned int RequestServerConfiguration::getMaxConnections() const {
+    return number(MaxConnections);
 }
 
 } // namespace Kestrane

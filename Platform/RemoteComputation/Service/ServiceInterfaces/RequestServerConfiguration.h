@@ -51,6 +51,8 @@ public:
     int getComputationCores() const;
     bool keepTempFiles() const;
     unsigned int getSocketTimeout() const;
+    unsigned int getConnectionIdleTimeout() const;
+    unsigned int getMaxConnections() const;
     // Key file shared with the starter services; empty: RemoteServiceKey::defaultPath().
     std::string getRemoteServiceKeyFile() const;
     // Seconds one job scheduler command may take before it is stopped; 0: no limit.

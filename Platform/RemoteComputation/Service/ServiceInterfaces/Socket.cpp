@@ -4,10 +4,12 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <thread>
@@ -109,6 +111,7 @@ bool Socket::fillBuffer() {
         if (got > 0) {
             m_readPos = 0;
             m_readEnd = static_cast<size_t>(got);
+            m_receiveTimedOut = false;
             return true;
         }
         if (got < 0 && errno == EINTR)
@@ -281,6 +284,30 @@ void ClientSocket::connect(const std::string& host, int port) {
     }
     freeaddrinfo(results);
     throw Error("connect to " + host + ":" + service, lastError);
+}
+
+void ClientSocket::closeAfterPeer(unsigned int limitMs) {
+    if (!isOpen())
+        return;
+    const int fd = fdOf(m_socket);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+    char discard[4096];
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            break;
+        pollfd waiting{fd, POLLIN, 0};
+        const int ready = ::poll(&waiting, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            break;
+        const ssize_t got = ::recv(fd, discard, sizeof(discard), MSG_DONTWAIT);
+        if (got == 0 || (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR))
+            break;
+    }
+    close();
 }
 
 ServerSocket::ServerSocket(uint64_t handle) : Socket(handle) {}

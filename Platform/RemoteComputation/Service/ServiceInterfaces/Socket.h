@@ -63,6 +63,13 @@ public:
     ClientSocket() = default;
     // Connects to host (name or address, IPv4 or IPv6) and port; throws Computing::Error.
     void connect(const std::string& host, int port);
+    // After the last words of a conversation: closes once the peer has closed its side, or
+    // after `limitMs`. The side that closes first keeps the connection's TIME_WAIT; that must be
+    // the accepting server with its one port, not the connecting side, whose ephemeral ports
+    // would run out under many short connections. What still arrives is dropped.
+    void closeAfterPeer(unsigned int limitMs = c_peerCloseLimitMs);
+
+    static constexpr unsigned int c_peerCloseLimitMs = 2000;
 };
 
 class ServerSocket : public Socket {
@@ -83,6 +90,8 @@ public:
     ListenSocket& operator=(const ListenSocket&) = delete;
 
     int getListenPort() const { return m_port; }
+    // The system handle, for a caller that waits for connections itself.
+    int getHandle() const { return m_fd; }
     // Blocks until a connection arrives and returns its handle.
     uint64_t accept();
 

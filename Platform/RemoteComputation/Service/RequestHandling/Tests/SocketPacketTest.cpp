@@ -196,6 +196,52 @@ TEST(BinarySocketPacketTest, RawBlockFollowsWithoutFraming) {
     EXPECT_EQ(block[2], 'A');       // the sender's block is left alone
 }
 
+TEST(BinarySocketPacketTest, BlockCutShortThrowsInsteadOfBecomingAPacket) {
+    LoopbackPair pair;
+    pair.writeRaw(pair.client, "0123456789");
+    pair.closeClientWrite();
+    try {
+        BinarySocketPacket::receive(1000, *pair.server, "peer");
+        FAIL() << "a block of 10 bytes passed for one of 1000";
+    } catch (const Computing::Error& e) {
+        EXPECT_STREQ(e.what(), "receive of a block of 1000 bytes from peer: the connection ended "
+                               "after fewer than 1000 bytes");
+    }
+}
+
+TEST(BinarySocketPacketTest, ClaimedSizeOfFourGigabytesCostsOnlyWhatArrives) {
+    // A 60-byte command may claim 4 GB: the reader must neither reserve that nor keep the
+    // few bytes that came as a block.
+    LoopbackPair pair;
+    pair.writeRaw(pair.client, std::string(3 << 20, 'x'));
+    pair.closeClientWrite();
+    try {
+        BinarySocketPacket::receive(4294967295ul, *pair.server, "peer");
+        FAIL() << "a block of 3 MB passed for one of 4 GB";
+    } catch (const Computing::Error& e) {
+        EXPECT_NE(std::string(e.what()).find("receive of a block of 4294967295 bytes from peer"),
+                  std::string::npos)
+            << e.what();
+    }
+}
+
+TEST(BinarySocketPacketTest, LargeBlockArrivesWholeAcrossGrowthSteps) {
+    LoopbackPair pair;
+    std::string block(5 * (1 << 20) + 17, '\0');
+    for (size_t i = 0; i < block.size(); ++i)
+        block[i] = static_cast<char>(i * 7 + i / 4096);
+    std::thread writer([&] {
+        pair.writeRaw(pair.client, block);
+        SocketPacket::send("C", "PING", pair.client, "peer");
+    });
+    auto received = BinarySocketPacket::receive(block.size(), *pair.server, "peer");
+    writer.join();
+    ASSERT_EQ(received->getSize(), block.size());
+    EXPECT_EQ(std::memcmp(received->getData(), block.data(), block.size()), 0);
+    EXPECT_EQ(*SocketPacket::receive(*pair.server, "peer")->getData(), "PING");
+    std::free(received->getData());
+}
+
 TEST(BinarySocketPacketTest, ToStringNamesSizeAndAddress) {
     char block[4] = {};
     BinarySocketPacket binary(block, 4, false);

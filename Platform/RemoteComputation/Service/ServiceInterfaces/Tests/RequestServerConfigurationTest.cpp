@@ -367,7 +367,7 @@ TEST_F(RequestServerConfigurationTest, UnknownElementInFileIsRejected) {
 
 TEST_F(RequestServerConfigurationTest, DescribeSettingsNamesTheEnvironmentVariables) {
     const auto& settings = RequestServerConfiguration::describeSettings();
-    EXPECT_EQ(settings.size(), 25u);
+    EXPECT_EQ(settings.size(), 27u);
     std::set<std::string> names, variables;
     for (const auto& setting : settings) {
         EXPECT_EQ(setting.environment, "KS_" + upperSnake(setting.name)) << setting.name;
@@ -385,6 +385,18 @@ TEST_F(RequestServerConfigurationTest, DescribeSettingsNamesTheEnvironmentVariab
     EXPECT_EQ(variables.count("KS_FILE_TRANSFER_PROGRESS_FIRST_UPDATE_DELAY"), 1u);
     EXPECT_EQ(variables.count("KS_REMOTE_SERVICE_KEY_FILE"), 1u);
     EXPECT_EQ(variables.count("KS_JOB_SCHEDULER_COMMAND_TIMEOUT"), 1u);
+    EXPECT_EQ(variables.count("KS_CONNECTION_IDLE_TIMEOUT"), 1u);
+    EXPECT_EQ(variables.count("KS_MAX_CONNECTIONS"), 1u);
+}
+
+TEST_F(RequestServerConfigurationTest, ConnectionLimitsHaveSaneDefaultsAndRefuseZeroConnections) {
+    auto config = RequestServerConfiguration::getRegisteredInstance();
+    EXPECT_EQ(config->getConnectionIdleTimeout(), 30u);
+    EXPECT_EQ(config->getMaxConnections(), 4096u);
+    config->setValue("connectionIdleTimeout", "0");
+    EXPECT_EQ(config->getConnectionIdleTimeout(), 0u);
+    EXPECT_THROW(config->setValue("maxConnections", "0"), KsException);
+    EXPECT_EQ(config->getMaxConnections(), 4096u);
 }
 
 TEST_F(RequestServerConfigurationTest, TextSettingsAreKeptApart) {

@@ -180,6 +180,18 @@ TEST(RequestXmlHelperTest, ParseFailureIsLoggedAtDebugLevel) {
     }
 }
 
+// The source file goes to peers in exception XML: it names the file inside the repository,
+// nothing of the machine that built the library.
+TEST(RequestXmlHelperTest, ExceptionNamesItsSourceRelativeToTheRepository) {
+    try {
+        Document document(RequestXmlHelper::getInstance()->parse("<KS_Reply"));
+        FAIL() << "Malformed text was accepted.";
+    } catch (const KsExceptionNested& e) {
+        EXPECT_EQ(e.getFile(),
+                  "Platform/RemoteComputation/Service/ServiceInterfaces/RequestXmlHelper.cpp");
+    }
+}
+
 TEST(RequestXmlHelperTest, ExternalEntitiesAreNotLoaded) {
     RequestXmlHelper* helper = RequestXmlHelper::getInstance();
     helper->addSchema(NamedRequestSchema("EntityRequest", "value"));
