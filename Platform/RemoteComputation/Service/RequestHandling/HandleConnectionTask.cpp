@@ -55,6 +55,12 @@ bool isControlRequest(const Request& request) {
            dynamic_cast<const ReconnectRequest*>(&request);
 }
 
+// A name of one directory entry: no path, no way up.
+bool isPlainName(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." &&
+           name.find_first_of(std::string("/\0", 2)) == std::string::npos;
+}
+
 // Takes away a directory made for a reception that left nothing in it.
 void removeIfUnused(const FileName& incomingFilesDir) {
     // A new directory holds the identity file of its owner from the start; beside that it must
@@ -294,6 +300,12 @@ bool HandleConnectionTask::handleFilePacket(std::shared_ptr<SocketPacket> packet
     // A directory word that leaves too little behind it throws std::out_of_range here.
     const std::string fileId = data.substr(pos + 1, UniqueID::c_length);
     const std::string originalFileNameStr = data.substr(pos + 52);
+    // Joined to this host's temporary directory: a peer must not reach out of it. (The file
+    // receiver checks the file name.)
+    if (!isPlainName(tmpDirNameStr)) {
+        KS_ERROR("Invalid file attachment packet received: " << packet->getType() << " " << data);
+        return false;
+    }
     KS_TRACE("fileId = " << fileId);
     KS_TRACE("tmpDirNameStr = " << tmpDirNameStr);
     KS_TRACE("originalFileNameStr = " << originalFileNameStr);

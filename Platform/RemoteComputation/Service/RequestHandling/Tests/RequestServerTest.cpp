@@ -177,6 +177,25 @@ TEST(RequestServerTest, ShutdownWaitsForRunningConnections) {
     EXPECT_EQ(client.readUntilClosed(), "C 4 PONG");
 }
 
+// The directory word is joined to this host's temporary directory: a peer that names a path or
+// a way up is refused before anything is made or received.
+TEST(RequestServerTest, FileCommandThatNamesAPathIsRefused) {
+    RequestServer* server = RequestServer::getInstance(-1, 0);
+    ASSERT_NE(server, nullptr);
+    const std::string id(50, 'F');
+    for (const std::string& command :
+         {"FILE .. " + id + " escaped.bin", "FILE ../up " + id + " escaped.bin",
+          "FILE /tmp " + id + " escaped.bin", "FILE a/b " + id + " escaped.bin"}) {
+        LogCapture capture;
+        Client client(server->getPort());
+        client.raw("C " + std::to_string(command.size()) + " " + command);
+        EXPECT_EQ(client.readUntilClosed(), "") << command;
+        EXPECT_TRUE(
+            capture.waitFor("Invalid file attachment packet received: C " + command, 2000ms))
+            << command;
+    }
+}
+
 TEST(RequestServerTest, PingAnsweredUntilCloseConnection) {
     LogCapture capture;
     RequestServer* server = RequestServer::getInstance(-1, 0);
