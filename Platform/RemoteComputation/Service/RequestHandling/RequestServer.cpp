@@ -247,8 +247,13 @@ bool RequestServer::sendSocketPackets(const std::string& requestId,
     size_t current = 0;
     auto package = getRequestPackage(requestId);
     if (package) {
-        // Taken once: a reconnect during the attempts does not reach this loop.
-        const HostInfo host = package->getRemoteHost();
+        // Taken once, under the lock that a reconnect writes it under: a reconnect during the
+        // attempts does not reach this loop.
+        HostInfo host;
+        {
+            boost::lock_guard<boost::mutex> lock(m_requestPackagesMutex);
+            host = package->getRemoteHost();
+        }
         const std::string label = host.toString();
         unsigned int attempt = 0;
         while (attempt <= maxRetry && current < packets->size()) {

@@ -85,9 +85,20 @@ std::shared_ptr<std::string> ServerRequestHandler::handle(Request* request) {
     if (dynamic_cast<DisconnectRequest*>(request))
         return std::make_shared<std::string>(acknowledge(*request));
     if (auto* reconnect = dynamic_cast<ReconnectRequest*>(request)) {
+        // Only a request that came over a connection says where the replies are to go now.
+        RequestPackage* package = request->getRequestPackage();
+        if (!package) {
+            const std::string text =
+                "ReconnectRequest without a connection: nowhere to send the replies of request " +
+                reconnect->getOriginalRequestId();
+            KS_ERROR(text);
+            ReplyEncoder reply("ExceptionReply", *request);
+            reply.addKsException(
+                KsExceptionNested(text.c_str(), "Requesthandling", c_function, __FILE__, __LINE__));
+            return std::make_shared<std::string>(reply.getEncodedReply("   ", "  "));
+        }
         int retry = -1;
-        server->reconnectRequest(*request->getRequestPackage(), reconnect->getOriginalRequestId(),
-                                 retry, true);
+        server->reconnectRequest(*package, reconnect->getOriginalRequestId(), retry, true);
         return std::make_shared<std::string>(acknowledge(*request));
     }
     KS_ERROR("Unsuported request '" << request->getType() << "'.");

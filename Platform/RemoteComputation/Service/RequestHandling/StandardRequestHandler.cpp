@@ -62,8 +62,10 @@ std::shared_ptr<std::string> StandardRequestHandler::handle(Request* request) {
     if (auto abort = dynamic_cast<AbortRequest*>(request)) {
         KS_TRACE("Sending signal to abort request " << abort->getRequestId() << "...");
         std::string id = abort->getRequestId();
-        if (id.empty())
+        if (id.empty()) {
+            std::lock_guard<std::mutex> lock(m_requestIdsMutex);
             id = m_requestIdsByJobId[abort->getJobId()];
+        }
         m_abortRequestSignal(id);
         KS_TRACE("Signal to abort request " << abort->getRequestId() << " sent.");
         ReplyEncoder reply("AckReply", *request);
@@ -77,6 +79,7 @@ std::shared_ptr<std::string> StandardRequestHandler::handle(Request* request) {
 
 void StandardRequestHandler::addRequestIdForJobId(const std::string& jobId,
                                                   const std::string& requestId) {
+    std::lock_guard<std::mutex> lock(m_requestIdsMutex);
     m_requestIdsByJobId[jobId] = requestId;
 }
 

@@ -6,6 +6,7 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Signals.h"
 
 #include <map>
+#include <mutex>
 #include <string>
 
 namespace Kestrane {
@@ -32,7 +33,9 @@ private:
     AbortRequestSignal m_abortRequestSignal;
     TestRequestHandler m_testRequestHandler;
     StartQueuedJobRequestHandler m_startQueuedJobRequestHandler;
+    // Aborts by job id come on several threads at once.
     std::map<std::string, std::string> m_requestIdsByJobId;
+    std::mutex m_requestIdsMutex;
 };
 
 } // namespace Kestrane

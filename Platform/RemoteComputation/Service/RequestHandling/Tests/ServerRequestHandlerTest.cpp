@@ -4,6 +4,7 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/CallbackRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/DisconnectRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/GetStatusRequest.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/LocalRequestClient.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Publisher.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/ReconnectRequest.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestPackageEncoder.h"
@@ -299,6 +300,24 @@ TEST(ServerRequestHandlerTest, DisconnectChangesNothingForTheRequestItNames) {
     ASSERT_NE(reply, nullptr);
     EXPECT_EQ(reply->getType(), "TestReply");
     EXPECT_EQ(reply->getElement("data"), "OK");
+}
+
+// Through a LocalRequestClient a request has no connection, so a reconnect has nowhere to point
+// the replies: a clear error reply, not a crash.
+TEST(ServerRequestHandlerTest, ReconnectWithoutAConnectionIsAnErrorReply) {
+    ASSERT_NE(ownServer(), nullptr);
+    LogCapture capture;
+    LocalRequestClient client(nullptr);
+    const std::string original = UniqueID::generateId();
+    RequestEncoder request = withOriginal("ReconnectRequest", original);
+    auto reply = client.handleRequest(request, nullptr, "");
+    ASSERT_NE(reply, nullptr);
+    EXPECT_EQ(reply->getType(), "ExceptionReply");
+    EXPECT_EQ(reply->getRequestId(), request.getId());
+    EXPECT_TRUE(capture.contains(
+        LogLevel::Error,
+        "ReconnectRequest without a connection: nowhere to send the replies of request " +
+            original));
 }
 
 TEST(ServerRequestHandlerTest, ReconnectForUnknownRequestIsAcknowledged) {

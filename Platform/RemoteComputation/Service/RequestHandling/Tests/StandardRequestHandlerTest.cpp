@@ -15,7 +15,11 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
 using namespace Kestrane;
 
@@ -115,4 +119,45 @@ TEST(StandardRequestHandlerTest, StillAnswersAbortAndRefusesOtherTypes) {
     ForeignRequest foreign(otherDecoded.xml->getRootElement());
     EXPECT_FALSE(handler.canHandle(&foreign));
     EXPECT_FALSE(handler.canHandle(nullptr));
+}
+
+// Hosts register jobs while aborts by job id come in on several threads: every abort reaches the
+// request of its own job.
+TEST(StandardRequestHandlerTest, AbortsByJobIdOnManyThreadsFindTheirRequests) {
+    RequestHandler::getDefaultRequestHandler();
+    StandardRequestHandler handler;
+    std::mutex seenMutex;
+    std::multiset<std::string> seen;
+    auto connection = handler.getAbortRequestSignal().connect(
+        Signals::Slot<void(const std::string&)>([&](const std::string& id) {
+            std::lock_guard<std::mutex> lock(seenMutex);
+            seen.insert(id);
+        }));
+    constexpr int c_threads = 8;
+    constexpr int c_jobs = 200;
+    // Job ids and request ids have the id format.
+    std::vector<std::vector<std::pair<std::string, std::string>>> jobs(c_threads);
+    for (auto& ofThread : jobs)
+        for (int j = 0; j < c_jobs; ++j)
+            ofThread.emplace_back(UniqueID::generateId(), UniqueID::generateId());
+    std::vector<std::thread> threads;
+    for (int t = 0; t < c_threads; ++t)
+        threads.emplace_back([&, t] {
+            for (const auto& [job, requestId] : jobs[t]) {
+                handler.addRequestIdForJobId(job, requestId);
+                RequestEncoder abort("AbortRequest");
+                abort.addElement("jobId", job, "  ");
+                auto decoded = decode(handler, abort);
+                ASSERT_NE(decoded.request, nullptr);
+                auto reply = Reply::decode(*handler.handle(decoded.request.get()));
+                EXPECT_EQ(reply->getType(), "AckReply");
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    connection.disconnect();
+    ASSERT_EQ(seen.size(), static_cast<size_t>(c_threads * c_jobs));
+    for (const auto& ofThread : jobs)
+        for (const auto& entry : ofThread)
+            EXPECT_EQ(seen.count(entry.second), 1u);
 }
