@@ -75,8 +75,10 @@ void FileTransferProgressThread::executeRun() {
     const uint64_t laterPassWait = std::max<uint64_t>(uint64_t(m_updateInterval) * 1000, 10);
     bool firstPass = true;
     while (!m_cancelled) {
-        if (!firstPass && waitMilliseconds(lock, laterPassWait))
-            break;
+        // A cancel ends the wait early, and the pass still runs: its line shows where the
+        // transfer stood at the end.
+        if (!firstPass)
+            waitMilliseconds(lock, laterPassWait);
         firstPass = false;
         bool noTransfer = false;
         uint64_t totalSize = 0;

@@ -171,15 +171,20 @@ TEST(FileTransferProgressThreadTest, FirstDelayAtOrAboveIntervalGivesProgressRig
     FileTransferProgressThread thread(jobLog, "g.bin", transfer);
     thread.start(true);
     ASSERT_TRUE(jobLog.waitForCount(2, 3000ms));
+    // The transfer ends and its owner cancels during the wait: the pass still runs once more,
+    // so the last line before the end shows the finished transfer.
+    transfer.set(false, 1000, 1000);
     thread.cancel();
     thread.finalize();
     auto lines = jobLog.lines();
-    ASSERT_EQ(lines.size(), 3u);
+    ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[0].text, "Starting transfer of file g.bin...\n");
     EXPECT_GE(secondsBetween(start, lines[0].at), 0.9);
     EXPECT_EQ(lines[1].text, " 25% (250/1000B)\n");
     EXPECT_LT(secondsBetween(lines[0].at, lines[1].at), 0.5);
-    EXPECT_EQ(lines[2].text, "Finished transfer of file g.bin.\n");
+    EXPECT_EQ(lines[2].text, "100% (1000/1000B)\n");
+    EXPECT_LT(secondsBetween(lines[1].at, lines[2].at), 0.5);
+    EXPECT_EQ(lines[3].text, "Finished transfer of file g.bin.\n");
 }
 
 TEST(FileTransferProgressThreadTest, FirstDelayAboveIntervalAlsoHasNoFurtherWait) {
