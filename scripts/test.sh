@@ -7,6 +7,8 @@
 # machine (as root, with shared/tools/slurm beside the repository, or KS_SLURM_TOOLS), and stops
 # it at the end if it was not running before. A cluster that cannot start fails the run.
 # KS_SLURM=0 leaves those tests out, and says so. KS_SKIP_SANITIZER=1 skips the second stage.
+# A last stage runs every fuzz target briefly (scripts/fuzz-smoke.sh); KS_SKIP_FUZZ=1 skips it,
+# and so does a machine without clang.
 # Exits non-zero on any failure.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -56,4 +58,14 @@ if [ "${KS_SKIP_SANITIZER:-0}" != "1" ]; then
     echo "Sanitizer run (AddressSanitizer, LeakSanitizer, UBSan): message model, round trips and starters"
     (cd "$asan" && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j "$jobs" -E Installed -LE slurm \
         -R "XLink|KSData|Attachment|HierarchicalDataFile|Transcod|Package|Reply|Request(Encoder|Handler|Test)|XmlRequest|LocalRequestClient|HostAndUserId|UnsharedTmpDir|LogMessageXml|Schema|XTagger|XmlUtils|MessageValidation|RoundTrip|Inbound|HandleRequestTask|ServerRequestHandler|Callback|TcpRequestClient|QueuedJob|Starter|JobSchedulerCommands|RemoteService(Key|Protocol)")
+fi
+
+# Last stage: a short run of every fuzz target (scripts/fuzz-smoke.sh). KS_SKIP_FUZZ=1 skips it.
+if [ "${KS_SKIP_FUZZ:-0}" = "1" ]; then
+    echo "Fuzz smoke stage skipped (KS_SKIP_FUZZ=1)"
+elif ! command -v clang >/dev/null || ! command -v clang++ >/dev/null; then
+    echo "Fuzz smoke stage skipped: clang/clang++ not found (the fuzz targets need clang's libFuzzer)"
+else
+    echo "Fuzz smoke stage (libFuzzer, AddressSanitizer, UBSan)"
+    "$root/scripts/fuzz-smoke.sh"
 fi

@@ -46,6 +46,9 @@ void AttachmentBinder::bind(xercesc::DOMDocument* document,
                 continue;
             }
             XmlUtils::setAttribute("href", "hdfs://" + hdfs->getAddressString(true), element);
+            // The size is that of the block that arrived, not what the peer wrote: the reader
+            // of the block trusts it as the block's length.
+            XmlUtils::setAttribute("dataSize", std::to_string(hdfs->getDataSize()), element);
         } else if (scheme == "arch://") {
             auto arch = find<ArchAttachment>(attachments, id);
             if (!arch) {

@@ -25,6 +25,8 @@ const std::string c_bytePointer = "unsigned char *";
 const std::string c_charPointer = "char *";
 const std::string c_filePointer = "FILE *";
 
+constexpr uint64_t c_maxDeflateRatio = 1032;
+
 void* allocate(std::size_t bytes) {
     void* block = std::malloc(bytes ? bytes : 1);
     if (!block)
@@ -319,14 +321,24 @@ bool XLinkTranscoder::hdfsToDha(std::string& id, std::string& dataPtrType, std::
         return false;
     int kind = XLinkTypeNames::kindOfShortName(dataType);
     int handle = 0;
-    if (KSHLopenMemoryFile(block, handle) <= 0)
+    // The link's dataSize is the length of the block (the binder of a received package sets
+    // it to what arrived): nothing behind it may be read.
+    if (KSHLopenMemoryFile(block, dataSize, handle) <= 0)
         return false;
     uint64_t count = 0;
     {
         OpenFile file(handle);
         if (KSHLgetSizeOfDataset(file.get(), c_group, linkId.c_str(), count) <= 0 || count == 0)
             return false;
-        void* array = allocate(static_cast<std::size_t>(count * XLinkTypeNames::width(kind)));
+        // The count is what the file claims. Deflate, the only filter ever written, packs at
+        // most 1032:1, so a real dataset is never larger than that times its block; a corrupted
+        // file could otherwise make us allocate any size.
+        const uint64_t width = XLinkTypeNames::width(kind);
+        const uint64_t blockElements = dataSize / width + 1;
+        if (count > UINT64_MAX / width || (blockElements <= UINT64_MAX / c_maxDeflateRatio &&
+                                           count > blockElements * c_maxDeflateRatio))
+            return false;
+        void* array = allocate(static_cast<std::size_t>(count * width));
         if (!readDataset(file.get(), linkId, kind, array)) {
             std::free(array);
             return false;
@@ -420,7 +432,9 @@ bool XLinkTranscoder::hdfsToFile(std::string& id, std::string& dataPtrType, std:
     if (!block)
         return false;
     int handle = 0;
-    if (KSHLopenMemoryFile(block, handle) <= 0)
+    // The link's dataSize is the length of the block (the binder of a received package sets
+    // it to what arrived): nothing behind it may be read.
+    if (KSHLopenMemoryFile(block, dataSize, handle) <= 0)
         return false;
     FileName path;
     {

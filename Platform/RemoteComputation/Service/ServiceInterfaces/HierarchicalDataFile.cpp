@@ -114,18 +114,23 @@ uint64_t readLittleEndian(const unsigned char* bytes, unsigned int width) {
 }
 
 // Length of the HDF5 file that starts at `block`, from the end-of-file address in its
-// superblock; 0 when the block does not start like an HDF5 file.
-uint64_t imageLength(const unsigned char* block) {
+// superblock; 0 when the block does not start like an HDF5 file, or when its first `available`
+// bytes do not hold the superblock fields read here.
+uint64_t imageLength(const unsigned char* block, uint64_t available) {
     static const unsigned char signature[8] = {0x89, 'H', 'D', 'F', '\r', '\n', 0x1a, '\n'};
-    if (std::memcmp(block, signature, sizeof(signature)) != 0)
+    if (available < sizeof(signature) + 1 || std::memcmp(block, signature, sizeof(signature)) != 0)
         return 0;
     unsigned int version = block[8];
     unsigned int offsetSize = 0;
     std::size_t baseAt = 0;
     if (version == 0 || version == 1) {
+        if (available < 14)
+            return 0;
         offsetSize = block[13];
         baseAt = version == 0 ? 24 : 28;
     } else if (version == 2 || version == 3) {
+        if (available < 10)
+            return 0;
         offsetSize = block[9];
         baseAt = 12;
     } else {
@@ -134,8 +139,12 @@ uint64_t imageLength(const unsigned char* block) {
     if (offsetSize != 2 && offsetSize != 4 && offsetSize != 8)
         return 0;
     // Base address, then (free-space or extension address), then the end-of-file address.
+    if (available < baseAt + 3 * offsetSize)
+        return 0;
     uint64_t base = readLittleEndian(block + baseAt, offsetSize);
     uint64_t end = readLittleEndian(block + baseAt + 2 * offsetSize, offsetSize);
+    if (end > UINT64_MAX - base)
+        return 0;
     return base + end;
 }
 
@@ -249,6 +258,29 @@ int createDataset(int handle, const char* group, const char* name, int compressi
     return 1;
 }
 
+// Whether the chunks of the dataset can all lie in the file. HDF5 keeps some state for every
+// chunk of a read, so a corrupted file that gives a large dataset chunks of one element makes a
+// small block cost gigabytes. Every chunk written here is stored, and takes more than a byte of
+// the file, so no file of ours has more chunks than bytes.
+bool plausibleChunks(hid_t file, hid_t dataset) {
+    Id dcpl(H5Dget_create_plist(dataset), H5Pclose);
+    if (!dcpl.valid())
+        return false;
+    if (H5Pget_layout(dcpl.get()) != H5D_CHUNKED)
+        return true;
+    hsize_t chunk[1] = {0};
+    Id space(H5Dget_space(dataset), H5Sclose);
+    hsize_t fileSize = 0;
+    if (!space.valid() || H5Sget_simple_extent_ndims(space.get()) != 1 ||
+        H5Pget_chunk(dcpl.get(), 1, chunk) != 1 || chunk[0] == 0 ||
+        H5Fget_filesize(file, &fileSize) < 0)
+        return false;
+    hsize_t dims[1] = {0};
+    if (H5Sget_simple_extent_dims(space.get(), dims, nullptr) != 1)
+        return false;
+    return dims[0] / chunk[0] < fileSize;
+}
+
 int readDataset(int handle, const char* group, const char* name, void* target, Element element) {
     if (!target)
         return 0;
@@ -261,7 +293,7 @@ int readDataset(int handle, const char* group, const char* name, void* target, E
     if (!datasetExists(file, path))
         return 0;
     Id dataset(H5Dopen2(file, path.c_str(), H5P_DEFAULT), H5Dclose);
-    if (!dataset.valid())
+    if (!dataset.valid() || !plausibleChunks(file, dataset.get()))
         return 0;
     return H5Dread(dataset.get(), type, H5S_ALL, H5S_ALL, H5P_DEFAULT, target) < 0 ? 0 : 1;
 }
@@ -300,11 +332,14 @@ int KSHLloadMemoryFileFromDiskFile(const char* path, std::size_t maxPathLength) 
     return registerFile(file);
 }
 
-int KSHLopenMemoryFile(const void* block, int& handle) {
+namespace {
+int openMemoryFile(const void* block, uint64_t available, int& handle) {
     if (!block)
         return 0;
-    uint64_t length = imageLength(static_cast<const unsigned char*>(block));
-    if (length == 0)
+    uint64_t length = imageLength(static_cast<const unsigned char*>(block), available);
+    // The core driver reads the whole length from the block: a file longer than the block that
+    // carries it (a cut or corrupted block) would be read beyond its end.
+    if (length == 0 || length > available)
         return 0;
     Lock lock;
     // Read-only and in place: the block is large and the caller keeps it until the close.
@@ -313,6 +348,15 @@ int KSHLopenMemoryFile(const void* block, int& handle) {
         return 0;
     handle = registerFile(file);
     return 1;
+}
+} // namespace
+
+int KSHLopenMemoryFile(const void* block, int& handle) {
+    return openMemoryFile(block, UINT64_MAX, handle);
+}
+
+int KSHLopenMemoryFile(const void* block, uint64_t blockSize, int& handle) {
+    return openMemoryFile(block, blockSize, handle);
 }
 
 int KSHLgetMemoryFile(int handle, uint64_t& size, const unsigned char*& block) {

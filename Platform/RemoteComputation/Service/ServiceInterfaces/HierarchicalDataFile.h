@@ -29,7 +29,12 @@ int KSHLloadMemoryFileFromDiskFile(const char* path, std::size_t maxPathLength);
 // block's length is read from the file's own superblock. The block is used in place, without a
 // copy: it must stay untouched until KSHLcloseFile. Returns 1 and sets `handle`, or 0 and leaves
 // `handle` alone.
+// Trusts the block to be as long as its superblock says: only for blocks made in this process.
 int KSHLopenMemoryFile(const void* block, int& handle);
+// The same for a block of `blockSize` bytes, such as one that came from a peer: a block shorter
+// than the file it announces, or too short for its superblock, is refused with 0 and never read
+// beyond its end.
+int KSHLopenMemoryFile(const void* block, uint64_t blockSize, int& handle);
 
 // The current bytes of a memory file. The block belongs to this library and stays valid until
 // the next call on the same handle or KSHLcloseFile; callers copy it out. Returns 1 or 0.

@@ -11,6 +11,7 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestPackageEncoder.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Tests/XLinkTestSupport.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/XLinkUtils.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/XmlRequest.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/KsException.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
@@ -60,7 +61,7 @@ bool isTimestamp(const std::string& text) {
 
 // Records the data elements of every request that it decodes: a decoded request keeps no DOM.
 struct SeenElement {
-    std::string id, href, fileTransfered;
+    std::string id, href, fileTransfered, dataSize;
 };
 
 class CapturingHandler : public AbstractRequestHandler {
@@ -73,7 +74,8 @@ public:
         for (auto element : XmlUtils::getElements("data", request.getRootElement()))
             seen.push_back({XmlUtils::getAttribute("id", element),
                             XmlUtils::getAttribute("href", element),
-                            XmlUtils::getAttribute("fileTransfered", element)});
+                            XmlUtils::getAttribute("fileTransfered", element),
+                            XmlUtils::getAttribute("dataSize", element)});
         ++decodes;
         return std::make_shared<Request>(request.getRootElement());
     }
@@ -291,6 +293,22 @@ TEST_F(PackageFixture, FileHrefWithThreeSlashesIsAFileLink) {
     ASSERT_EQ(handler.seen.size(), 1u);
     EXPECT_EQ(handler.seen[0].href, "file:///" + FileName("/recv/f.dat").toString());
     EXPECT_EQ(handler.seen[0].fileTransfered, "");
+    EXPECT_TRUE(map.empty());
+}
+
+// The reader of an hdfs block takes the link's dataSize as the block's length: a peer that
+// claims more than it sent must not make it read behind the block.
+TEST_F(PackageFixture, BoundHdfsLinkCarriesTheSizeOfTheBlockThatArrived) {
+    static unsigned char block[64] = {};
+    AttachmentMap map;
+    map["H"] = std::make_shared<HdfsAttachment>("H", block, sizeof(block));
+    decodeRequest(requestPackage(c_plainAttributes,
+                                 "<data id=\"H\" name=\"n\" dataSize=\"1000000\" "
+                                 "href=\"hdfs://#0\"/>"),
+                  &map);
+    ASSERT_EQ(handler.seen.size(), 1u);
+    EXPECT_EQ(handler.seen[0].href, "hdfs://" + XLinkUtils::getAddressString(block, true));
+    EXPECT_EQ(handler.seen[0].dataSize, "64");
     EXPECT_TRUE(map.empty());
 }
 

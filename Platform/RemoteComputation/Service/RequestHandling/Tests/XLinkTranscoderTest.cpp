@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -209,6 +210,24 @@ TEST(XLinkTranscoderTest, HdfsToFileAndBackKeepsTheData) {
     auto* back = static_cast<double*>(addressOf(link));
     EXPECT_EQ(std::vector<double>(back, back + 500), expected);
     std::free(back);
+}
+
+// A block found by the fuzz target fuzz_hdfs: 9 KB whose dataset root/d1 claims 2.7e14
+// elements. The conversion allocated that many before reading a byte.
+TEST(XLinkTranscoderTest, HdfsToDhaRefusesACountTheBlockCannotHold) {
+    std::ifstream in(KS_SOURCE_DIR "/fuzz/regressions/fuzz_hdfs/huge-dataset-count.h5",
+                     std::ios::binary);
+    ASSERT_TRUE(in);
+    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    ASSERT_FALSE(bytes.empty());
+    auto* block = static_cast<unsigned char*>(std::malloc(bytes.size()));
+    std::memcpy(block, bytes.data(), bytes.size());
+    Link link{"d1", "unsigned char *", "double",
+              "hdfs://" + XLinkUtils::getAddressString(block, true), bytes.size()};
+    const Link before = link;
+    EXPECT_FALSE(hdfsToDha(link, true));
+    EXPECT_EQ(link, before);
+    std::free(block); // not freed by the failed conversion
 }
 
 TEST(XLinkTranscoderTest, HdfsToDhaFailsWhenTheDatasetIsNotTheId) {

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -214,6 +215,80 @@ TEST(HierarchicalDataFileTest, FailuresReportZero) {
     }
     EXPECT_LE(KSHLloadMemoryFileFromDiskFile(text.c_str(), 256), 0);
     std::remove(text.c_str());
+}
+
+// A block from a peer may be cut or lie about its length. Each block here is a heap copy of
+// exactly the bytes given, so that a read behind it shows under AddressSanitizer.
+TEST(HierarchicalDataFileTest, BlockShorterThanItsFileIsRefused) {
+    std::vector<double> values = ramp(500, 1.0);
+    int handle = KSHLcreateMemoryFile(values.size() * sizeof(double));
+    ASSERT_GT(handle, 0);
+    ASSERT_EQ(KSHLcreateDoubleDataset(handle, "root", "d1", 3, values.size(), values.data()), 1);
+    std::vector<unsigned char> image = imageOf(handle);
+    ASSERT_EQ(KSHLcloseFile(handle), 1);
+    ASSERT_GT(image.size(), 2000u);
+
+    // Too short for the signature, for the superblock fields, and for the file they announce.
+    for (std::size_t length : {std::size_t(1), std::size_t(8), std::size_t(9), std::size_t(20),
+                               std::size_t(2000), image.size() - 1}) {
+        std::vector<unsigned char> cut(image.begin(), image.begin() + length);
+        int opened = -7;
+        EXPECT_EQ(KSHLopenMemoryFile(cut.data(), cut.size(), opened), 0) << length;
+        EXPECT_EQ(opened, -7) << length;
+    }
+
+    int opened = 0;
+    ASSERT_EQ(KSHLopenMemoryFile(image.data(), image.size(), opened), 1);
+    uint64_t count = 0;
+    EXPECT_EQ(KSHLgetSizeOfDataset(opened, "root", "d1", count), 1);
+    EXPECT_EQ(count, values.size());
+    EXPECT_EQ(KSHLcloseFile(opened), 1);
+}
+
+TEST(HierarchicalDataFileTest, EndOfFileAddressBeyondTheBlockIsRefused) {
+    int handle = KSHLcreateMemoryFile(64);
+    ASSERT_GT(handle, 0);
+    std::vector<unsigned char> image = imageOf(handle);
+    ASSERT_EQ(KSHLcloseFile(handle), 1);
+    ASSERT_GE(image.size(), 48u);
+    // The end-of-file address is the third address of the superblock, which starts at byte 24
+    // (version 0), 28 (version 1) or 12 (versions 2 and 3); byte 13 or 9 gives its width.
+    const unsigned int version = image[8];
+    ASSERT_LE(version, 3u);
+    const unsigned int width = version <= 1 ? image[13] : image[9];
+    ASSERT_EQ(width, 8u);
+    const std::size_t endAt = (version == 0 ? 24 : version == 1 ? 28 : 12) + 2 * width;
+    for (uint64_t end : {uint64_t(image.size()) + 1, uint64_t(1) << 40, ~uint64_t(0)}) {
+        std::vector<unsigned char> lying = image;
+        for (int i = 0; i < 8; ++i)
+            lying[endAt + i] = static_cast<unsigned char>(end >> (8 * i));
+        int opened = -7;
+        EXPECT_EQ(KSHLopenMemoryFile(lying.data(), lying.size(), opened), 0) << end;
+        EXPECT_EQ(opened, -7);
+    }
+}
+
+// A block found by the fuzz target fuzz_hdfs: the chunk layout of root/d1 does not match its
+// one-element dataspace, and reading it made HDF5 allocate gigabytes of chunk state.
+TEST(HierarchicalDataFileTest, DatasetWhoseChunksCannotLieInTheFileIsRefused) {
+    std::ifstream in(KS_SOURCE_DIR "/fuzz/regressions/fuzz_hdfs/chunk-rank-mismatch.h5",
+                     std::ios::binary);
+    ASSERT_TRUE(in);
+    std::vector<unsigned char> block((std::istreambuf_iterator<char>(in)),
+                                     std::istreambuf_iterator<char>());
+    int handle = 0;
+    ASSERT_EQ(KSHLopenMemoryFile(block.data(), block.size(), handle), 1);
+    uint64_t count = 0;
+    ASSERT_EQ(KSHLgetSizeOfDataset(handle, "root", "d1", count), 1);
+    ASSERT_EQ(count, 1u);
+    double value = 0;
+    EXPECT_EQ(KSHLreadDoubleDataset(handle, "root", "d1", &value), 0);
+    // The intact dataset beside it still reads.
+    ASSERT_EQ(KSHLgetSizeOfDataset(handle, "root", "c", count), 1);
+    std::vector<unsigned char> bytes(count);
+    EXPECT_EQ(KSHLreadCharDataset(handle, "root", "c", bytes.data()), 1);
+    EXPECT_EQ(std::string(bytes.begin(), bytes.end() - 1), "bytes of a buffer");
+    EXPECT_EQ(KSHLcloseFile(handle), 1);
 }
 
 TEST(HierarchicalDataFileTest, EightThreadsAtOnce) {
