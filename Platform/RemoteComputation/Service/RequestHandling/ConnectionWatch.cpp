@@ -110,23 +110,15 @@ void ConnectionWatch::acceptAll() {
             ::accept4(m_listen, reinterpret_cast<sockaddr*>(&address), &length, SOCK_CLOEXEC);
         if (handle < 0) {
             const int error = errno;
-            switch (error) {
-            case EAGAIN:
-#if EAGAIN != EWOULDBLOCK
-            case EWOULDBLOCK:
-#endif
+            if (error == EAGAIN || error == EWOULDBLOCK)
                 return;
-            case EINTR:
-            case ECONNABORTED:
-            case EPROTO:
+            switch (Computing::classifyAcceptError(error)) {
+            case Computing::AcceptFailure::Retry:
                 continue;
-            case EMFILE:
-            case ENFILE:
-            case ENOBUFS:
-            case ENOMEM:
+            case Computing::AcceptFailure::OutOfResources:
                 backOff(error);
                 return;
-            default:
+            case Computing::AcceptFailure::Fatal:
                 KS_ERROR("accept failed: " << std::strerror(error));
                 return;
             }

@@ -445,26 +445,37 @@ ListenSocket::~ListenSocket() {
         ::close(m_fd);
 }
 
+AcceptFailure classifyAcceptError(int error) {
+    switch (error) {
+    case EINTR:
+    case ECONNABORTED:
+    case EPROTO:
+        return AcceptFailure::Retry;
+    case EMFILE:
+    case ENFILE:
+    case ENOBUFS:
+    case ENOMEM:
+        return AcceptFailure::OutOfResources;
+    default:
+        return AcceptFailure::Fatal;
+    }
+}
+
 uint64_t ListenSocket::accept() {
     for (;;) {
         int fd = ::accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd >= 0)
             return static_cast<uint64_t>(fd);
         int error = errno;
-        switch (error) {
-        case EINTR:
-        case ECONNABORTED:
-        case EPROTO:
+        switch (classifyAcceptError(error)) {
+        case AcceptFailure::Retry:
             continue;
-        case EMFILE:
-        case ENFILE:
-        case ENOBUFS:
-        case ENOMEM:
+        case AcceptFailure::OutOfResources:
             // Out of descriptors or memory: the pending connection waits while others close.
             KS_ERROR("accept failed (" << std::strerror(error) << "), retrying in 100 ms");
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
             continue;
-        default:
+        case AcceptFailure::Fatal:
             throw Error("accept", error);
         }
     }

@@ -100,6 +100,12 @@ private:
     int m_port = 0;
 };
 
+// What an accept that failed with `error` calls for: try again at once (an interrupted call, a
+// connection that went away while waiting), wait for descriptors or memory to come back, or give
+// up.
+enum class AcceptFailure { Retry, OutOfResources, Fatal };
+AcceptFailure classifyAcceptError(int error);
+
 // Numeric address text of a socket address; IPv4-mapped IPv6 addresses as plain IPv4.
 std::string addressText(const void* sockaddrStorage);
 

@@ -122,11 +122,19 @@ protected:
     std::string jobOutput(int job) const {
         return readWholeFile(tmp.file("master") + "/primes-" + std::to_string(job) + ".out");
     }
+    static std::string lastLines(const std::string& text, size_t count) {
+        size_t at = text.size();
+        for (size_t i = 0; i <= count && at != std::string::npos && at > 0; ++i)
+            at = text.rfind('\n', at - 1);
+        return at == std::string::npos ? text : text.substr(at + 1);
+    }
     // Waits until no job of the run is pending or running any more.
     void expectAllJobsEnded(std::chrono::milliseconds limit = 30000ms) {
         for (const auto& job : jobs) {
-            EXPECT_TRUE(waitFor([&] { return ended(job.second); }, limit, 200ms))
-                << "job " << job.second << " of worker " << job.first << " is still there";
+            const bool gone = waitFor([&] { return ended(job.second); }, limit, 200ms);
+            EXPECT_TRUE(gone) << "job " << job.second << " of worker " << job.first
+                              << " is still there; the end of its output:\n"
+                              << lastLines(jobOutput(job.second), 40);
             std::string output;
             slurmCommand("squeue", {"-h", "-j", std::to_string(job.second), "-o", "%T"}, output);
             EXPECT_EQ(output.find("PENDING"), std::string::npos) << output;
