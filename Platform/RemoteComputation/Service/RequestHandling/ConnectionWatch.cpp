@@ -69,6 +69,17 @@ void ConnectionWatch::wake() {
     [[maybe_unused]] ssize_t written = ::write(m_wakeUp, &one, sizeof(one));
 }
 
+void ConnectionWatch::closeAll() {
+    if (m_listening)
+        unwatch(m_epoll, m_listen);
+    m_listening = false;
+    m_listenAgain = Clock::time_point::max();
+    for (const auto& entry : m_waiting)
+        unwatch(m_epoll, entry.first);
+    m_waiting.clear();
+    m_byAge.clear();
+}
+
 void ConnectionWatch::waitOnce(const ReadyHandler& ready, std::chrono::milliseconds limit) {
     auto now = Clock::now();
     if (!m_listening && now >= m_listenAgain) {

@@ -40,6 +40,9 @@ public:
     void waitOnce(const ReadyHandler& ready, std::chrono::milliseconds limit);
     // Ends a wait at once; from any thread.
     void wake();
+    // Closes the connections that wait for data and stops watching the listening socket: the
+    // server takes nothing new.
+    void closeAll();
 
     // Seconds of silence after which a server's connection is given up: the idle timeout, or
     // the socket timeout when that is shorter; 0 for none.

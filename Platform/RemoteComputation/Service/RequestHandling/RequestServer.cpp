@@ -138,6 +138,10 @@ void RequestServer::executeRun() {
         }
     }
     KS_INFO("RequestServer " << describe() << " exiting main loop...");
+    // A stopping server refuses what comes now, rather than leave it waiting unanswered until
+    // the process ends.
+    m_connectionWatch->closeAll();
+    m_listenSocket.close();
     shutdownAfterLoop();
 }
 

@@ -441,8 +441,13 @@ ListenSocket::ListenSocket(int port, int portRange, int backlog, const std::stri
 }
 
 ListenSocket::~ListenSocket() {
+    close();
+}
+
+void ListenSocket::close() {
     if (m_fd >= 0)
         ::close(m_fd);
+    m_fd = -1;
 }
 
 AcceptFailure classifyAcceptError(int error) {

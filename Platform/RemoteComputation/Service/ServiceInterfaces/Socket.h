@@ -92,6 +92,8 @@ public:
     int getListenPort() const { return m_port; }
     // The system handle, for a caller that waits for connections itself.
     int getHandle() const { return m_fd; }
+    // Stops listening: new connections are refused, also those not yet accepted.
+    void close();
     // Blocks until a connection arrives and returns its handle.
     uint64_t accept();
 

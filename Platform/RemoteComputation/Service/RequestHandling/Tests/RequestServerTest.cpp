@@ -177,6 +177,31 @@ TEST(RequestServerTest, ShutdownWaitsForRunningConnections) {
     EXPECT_EQ(client.readUntilClosed(), "C 4 PONG");
 }
 
+// While a stopping server waits for its open conversations, a newcomer is refused at once
+// instead of waiting unanswered; so is a connection that had not said anything yet.
+TEST(RequestServerTest, StoppingServerRefusesNewConnectionsAtOnce) {
+    RequestServer* server = RequestServer::getInstance(-1, 0);
+    ASSERT_NE(server, nullptr);
+    const int port = server->getPort();
+    Client open(port);
+    open.raw("C 4 PING");
+    char pong[8];
+    ASSERT_TRUE(open.socket.receiveDataBlock(pong, 8));
+    Client quiet(port);
+    std::this_thread::sleep_for(100ms);
+    server->stop();
+    std::this_thread::sleep_for(200ms);
+    EXPECT_FALSE(server->isStopped());
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(RequestServer::ping("127.0.0.1", port));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+    quiet.socket.setTimeout(1000);
+    EXPECT_EQ(quiet.readUntilClosed(), "");
+    EXPECT_FALSE(quiet.socket.receiveTimedOut());
+    open.raw("C 16 CLOSE_CONNECTION");
+    server->waitForShutdown();
+}
+
 // The directory word is joined to this host's temporary directory: a peer that names a path or
 // a way up is refused before anything is made or received.
 TEST(RequestServerTest, FileCommandThatNamesAPathIsRefused) {
