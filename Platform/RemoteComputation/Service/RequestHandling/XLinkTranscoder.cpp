@@ -401,13 +401,13 @@ bool XLinkTranscoder::fileToDha(std::string& id, std::string& dataPtrType, std::
     std::FILE* in = std::fopen(path.toNativeString().c_str(), "rb");
     if (!in)
         return false;
+    // The file's length is not compared with the byte count: a short file gives an array whose
+    // tail is zero, never memory nobody wrote.
     void* array = allocate(static_cast<std::size_t>(bytes));
     std::size_t read = std::fread(array, 1, static_cast<std::size_t>(bytes), in);
     std::fclose(in);
-    if (read != bytes) {
-        std::free(array);
-        return false;
-    }
+    std::memset(static_cast<unsigned char*>(array) + read, 0,
+                static_cast<std::size_t>(bytes) - read);
     if (removeSource) {
         FileUtilities::remove(path);
         path.clear();

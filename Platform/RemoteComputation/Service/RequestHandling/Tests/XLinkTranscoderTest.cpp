@@ -400,10 +400,36 @@ TEST(XLinkTranscoderTest, EmptyFileFailsOnlyForAByteCountOfOne) {
     Link before = one;
     EXPECT_FALSE(fileToDha(one, false, nullptr));
     EXPECT_EQ(one, before);
-    // Two bytes asked of an empty file: the quirk lets it through, the read then comes short.
+    // Two bytes asked of an empty file: the quirk lets it through, and nothing compares the
+    // file's length with the count, so the array is there, all zero.
     Link two = one;
     two.dataSize = 2;
-    EXPECT_FALSE(fileToDha(two, false, nullptr));
+    ASSERT_TRUE(fileToDha(two, false, nullptr));
+    auto* bytes = static_cast<unsigned char*>(addressOf(two));
+    EXPECT_EQ(bytes[0], 0);
+    EXPECT_EQ(bytes[1], 0);
+    EXPECT_EQ(two.dataSize, 2u);
+    EXPECT_EQ(two.href.rfind("dha://#", 0), 0u);
+    std::free(bytes);
+}
+
+TEST(XLinkTranscoderTest, AShortFileGivesItsBytesAndZerosAfterThem) {
+    TempDir dir;
+    FileName path = dir.path() / "short.dhadmp";
+    {
+        std::ofstream out(path.toString(), std::ios::binary);
+        out.write("\x01\x02\x03", 3);
+    }
+    // Two 4-byte ints asked of a 3-byte file.
+    Link link{"id", "FILE *", "4-byte int", "file:///" + path.toString(), 2};
+    FileName used;
+    ASSERT_TRUE(fileToDha(link, false, &used));
+    EXPECT_EQ(used.toString(), path.toString());
+    EXPECT_EQ(link.dataSize, 2u);
+    auto* bytes = static_cast<unsigned char*>(addressOf(link));
+    const unsigned char expected[8] = {1, 2, 3, 0, 0, 0, 0, 0};
+    EXPECT_EQ(std::memcmp(bytes, expected, sizeof expected), 0);
+    std::free(bytes);
 }
 
 TEST(XLinkTranscoderTest, EmptyIdGetsANewOne) {
