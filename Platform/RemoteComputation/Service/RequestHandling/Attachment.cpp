@@ -71,8 +71,8 @@ void visit(xercesc::DOMElement* element, std::string& text, bool& hasFiles,
                              ? XmlUtils::toBool(XmlUtils::getAttribute("forceTransfer", element))
                              : false;
 
-    if (!id.empty() && !dataSize.empty() && href.size() > 6 && startsWith(href, "dha://"))
-        makePortable(text, id, href, dataSize);
+    const bool converted = !id.empty() && !dataSize.empty() && href.size() > 6 &&
+                           startsWith(href, "dha://") && makePortable(text, id, href, dataSize);
 
     if (!id.empty() && href.size() >= 9 && startsWith(href, "file:///")) {
         FileName path(href.substr(8));
@@ -90,7 +90,11 @@ void visit(xercesc::DOMElement* element, std::string& text, bool& hasFiles,
         auto size = boost::lexical_cast<uint32_t>(dataSize);
         auto* address =
             static_cast<unsigned char*>(XLinkUtils::getAddressFromString(href.substr(8)));
-        attachments.push_back(std::make_shared<HdfsAttachment>(id, address, size));
+        auto hdfs = std::make_shared<HdfsAttachment>(id, address, size);
+        // The memory file made from a dha link is ours; an hdfs link's block is its maker's.
+        if (converted)
+            hdfs->adoptBlock();
+        attachments.push_back(hdfs);
     } else if (!id.empty() && !dataSize.empty() && href.size() > 8 &&
                startsWith(href, "arch://#")) {
         auto size = boost::lexical_cast<uint32_t>(dataSize);

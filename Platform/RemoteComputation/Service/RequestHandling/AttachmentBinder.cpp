@@ -59,6 +59,9 @@ void AttachmentBinder::bind(xercesc::DOMDocument* document,
         } else {
             continue;
         }
+        // The block now belongs to the reader of the message that links it.
+        if (auto block = dynamic_cast<BlockAttachment*>(attachments[id].get()))
+            block->releaseBlock();
         attachments.erase(id);
     }
     it->release();

@@ -367,7 +367,7 @@ bool HandleConnectionTask::handleFilePacket(std::shared_ptr<SocketPacket> packet
     return true;
 }
 
-template <typename BlockAttachment>
+template <typename Kind>
 bool HandleConnectionTask::receiveBlock(const SocketPacket& packet, const std::string& kind) {
     KS_TRACE("Handling " << kind << " packet...");
     const std::string& data = *packet.getData();
@@ -379,8 +379,11 @@ bool HandleConnectionTask::receiveBlock(const SocketPacket& packet, const std::s
     const std::string id = data.substr(5, UniqueID::c_length);
     const uint32_t size = SocketPacket::parseLength(data.substr(56));
     auto block = BinarySocketPacket::receive(size, *m_socket, m_clientAddress);
-    m_attachments[id] = std::make_shared<BlockAttachment>(
-        id, reinterpret_cast<unsigned char*>(block->getData()), size);
+    auto attachment =
+        std::make_shared<Kind>(id, reinterpret_cast<unsigned char*>(block->getData()), size);
+    // Freed with the connection unless a message's link takes it (a repeated id frees the first).
+    attachment->adoptBlock();
+    m_attachments[id] = attachment;
     return true;
 }
 

@@ -119,14 +119,12 @@ void HandleRequestTask::prepareAndSend(std::string reply) {
                 packets->push_back(std::make_shared<SocketPacket>(
                     "C", "HDFS " + hdfs->getId() + " " + std::to_string(hdfs->getDataSize()),
                     true));
-                // The block lives as long as the packet, which may wait in the reply cache.
+                // The attachment lives as long as the packet, which may wait in the reply cache;
+                // it frees the block only if the library made it.
                 packets->push_back(std::shared_ptr<BinarySocketPacket>(
                     new BinarySocketPacket(reinterpret_cast<char*>(hdfs->getData()),
                                            hdfs->getDataSize(), true),
-                    [](BinarySocketPacket* packet) {
-                        std::free(packet->getData());
-                        delete packet;
-                    }));
+                    [hdfs](BinarySocketPacket* packet) { delete packet; }));
             } else {
                 KS_ERROR("Unknown attachment type. Id=" << attachment->getId());
             }

@@ -1,26 +1,16 @@
 #pragma once
 
-#include "Platform/RemoteComputation/Service/RequestHandling/Attachment.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/BlockAttachment.h"
 
-#include <cstdint>
 #include <string>
 
 namespace Kestrane {
 
-// A memory block holding a hierarchical data file, beside a message. The block is not owned:
-// whoever made the link frees it.
-class HdfsAttachment : public Attachment {
+// A memory block holding a hierarchical data file, beside a message. Ownership as for every block
+// attachment.
+class HdfsAttachment : public BlockAttachment {
 public:
     HdfsAttachment(const std::string& id, unsigned char* data, unsigned long size);
-
-    unsigned char* getData() const { return m_data; }
-    uint32_t getDataSize() const { return m_dataSize; }
-    // XLinkUtils::getAddressString of the block.
-    std::string getAddressString(bool withHash) const;
-
-private:
-    unsigned char* m_data;
-    uint32_t m_dataSize;
 };
 
 } // namespace Kestrane

@@ -237,6 +237,8 @@ void ReplyEncoder::updateAttachments(
                     return;
                 }
                 replacement = "hdfs://" + XLinkUtils::getAddressString(hdfs->getData(), true);
+                // The text's reader now holds the block.
+                hdfs->releaseBlock();
             } else {
                 return;
             }

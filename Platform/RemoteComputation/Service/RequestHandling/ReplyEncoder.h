@@ -55,7 +55,8 @@ public:
     static std::vector<std::string> getAttachmentIds(const std::string& text);
     // Id to path of the file data elements, id to address text of the hdfs ones.
     static std::map<std::string, std::string> createHrefMapping(std::string& text);
-    // Rewrites the hrefs of file and hdfs data elements in the text to the local copies.
+    // Rewrites the hrefs of file and hdfs data elements in the text to the local copies. A block
+    // an attachment owned goes to the text's reader.
     static void updateAttachments(std::string& text,
                                   std::map<std::string, std::shared_ptr<Attachment>>& attachments);
     // The document that holds a bare reply element for parsing.

@@ -46,15 +46,14 @@ std::string textBetween(const std::string& text, size_t from, size_t to) {
     return text.substr(from, to == std::string::npos ? std::string::npos : to - from);
 }
 // The command that announces a memory block, then the block, which this road consumes.
-template <typename BlockAttachment>
 void sendBlock(Computing::Socket& socket, const std::string& label, const std::string& command,
-               const BlockAttachment& attachment) {
+               BlockAttachment& attachment) {
     SocketPacket::send(
         "C", command + attachment.getId() + " " + std::to_string(attachment.getDataSize()), socket,
         label);
     BinarySocketPacket::send(reinterpret_cast<char*>(attachment.getData()),
                              attachment.getDataSize(), socket, label);
-    std::free(attachment.getData());
+    attachment.freeBlock();
 }
 } // namespace
 

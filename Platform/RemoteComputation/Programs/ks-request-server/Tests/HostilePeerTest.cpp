@@ -415,12 +415,9 @@ TEST(RequestServerHostilePeerTest, TenThousandHostilePacketsLeaveTheServerAnswer
     std::filesystem::remove_all(serverTmp, ignored);
 }
 
-// Disabled: fails. A block command ("C ... ARCH <id> <size>" + the block) whose block no request
-// of the connection links is never freed: HandleConnectionTask keeps the block in an
-// ArchAttachment or HdfsAttachment, which does not own it, and drops them with the connection.
-// 64 connections with a whole 1 MB block each leave the server's resident memory 64 MB larger
-// for good; any peer can grow it without limit.
-TEST(RequestServerHostilePeerTest, DISABLED_BlocksThatNoRequestTakesAreFreedWithTheConnection) {
+// A block command ("C ... ARCH <id> <size>" + the block) whose block no request of the connection
+// links is freed when the connection ends: otherwise any peer could grow the server without limit.
+TEST(RequestServerHostilePeerTest, BlocksThatNoRequestTakesAreFreedWithTheConnection) {
     ServerProcess server({});
     ASSERT_TRUE(server.start());
     const int port = server.port();
@@ -442,8 +439,12 @@ TEST(RequestServerHostilePeerTest, DISABLED_BlocksThatNoRequestTakesAreFreedWith
     const auto after = memoryOf(server.process().getPid());
     std::cout << "Server memory (VmRSS): before " << before.first << " kB, after 64 blocks of 1 MB "
               << after.first << " kB" << std::endl;
+#if !defined(__SANITIZE_ADDRESS__)
+    // AddressSanitizer keeps freed memory in quarantine; there the leak check at the server's
+    // exit (its exit status) is the judge.
     EXPECT_LT(after.first - before.first, 16L * 1024)
         << "resident memory grew by " << (after.first - before.first) << " kB";
+#endif
     ASSERT_TRUE(server.process().kill(SIGTERM));
     EXPECT_EQ(server.waitForExit(10000ms), 0);
 }

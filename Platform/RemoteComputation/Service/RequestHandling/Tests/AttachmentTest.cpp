@@ -92,7 +92,9 @@ TEST(AttachmentTest, DhaLinkBecomesPortableHdfsAttachment) {
         capture.contains(LogLevel::Trace, "Created HdfsAttachment: id=" + id +
                                               ", dataSize=" + std::to_string(hdfs->getDataSize())));
 
-    // The receiving side turns it back into an array; the attachment freed nothing.
+    // The block made here is the attachment's, until a reader takes it over as a receiver does.
+    EXPECT_TRUE(hdfs->ownsBlock());
+    hdfs->releaseBlock();
     ASSERT_TRUE(XLinkTranscoder::hdfsToDha(converted, true)); // frees the block
     KSData data(firstData(parseReply(converted)));
     auto* back = static_cast<double*>(data.getDhaPointer());
@@ -155,10 +157,12 @@ TEST(AttachmentTest, OrderFollowsTheDocument) {
     EXPECT_EQ(arch->getDataSize(), 2u);
     EXPECT_EQ(arch->getAddressString(true), attribute(archElement, "href").substr(7));
 
-    // Attachments own nothing: the receivers of the links free the blocks.
+    // An arch link's block stays its maker's; the memory file made from the dha link is the
+    // attachment's and goes with it.
+    EXPECT_FALSE(arch->ownsBlock());
+    EXPECT_TRUE(std::static_pointer_cast<HdfsAttachment>((*attachments)[0])->ownsBlock());
     KSData archData(firstData(parseReply(archElement.replace(0, 5, "<data"))));
     EXPECT_EQ(archData.getArchiverBufferPtr()->size(), 2u);
-    std::free(std::static_pointer_cast<HdfsAttachment>((*attachments)[0])->getData());
 }
 
 TEST(AttachmentTest, RequestTextsWorkAlike) {
@@ -172,7 +176,7 @@ TEST(AttachmentTest, RequestTextsWorkAlike) {
     ASSERT_EQ(attachments->size(), 1u);
     auto hdfs = std::static_pointer_cast<HdfsAttachment>(attachments->front());
     EXPECT_NE(text.find("hdfs://" + hdfs->getAddressString(true)), std::string::npos);
-    std::free(hdfs->getData());
+    EXPECT_TRUE(hdfs->ownsBlock()); // freed with the attachment
 }
 
 TEST(AttachmentTest, MissingFileThrowsFromAttachment) {
@@ -279,5 +283,40 @@ TEST(AttachmentTest, NestedElementsComeInDocumentOrder) {
     auto arch = std::static_pointer_cast<ArchAttachment>((*attachments)[1]);
     auto hdfs = std::static_pointer_cast<HdfsAttachment>((*attachments)[2]);
     std::free(arch->getData());
-    std::free(hdfs->getData());
+    EXPECT_TRUE(hdfs->ownsBlock());
+}
+
+TEST(AttachmentTest, AnAdoptedBlockIsFreedWithItsAttachmentUnlessHandedOn) {
+    // Each block below would be a leak or a double free if the ownership were wrong; the
+    // sanitizer build checks both.
+    auto* kept = static_cast<unsigned char*>(std::malloc(4));
+    {
+        HdfsAttachment linked("L", kept, 4);
+        EXPECT_FALSE(linked.ownsBlock());
+    }
+    std::free(kept); // still the maker's
+    {
+        ArchAttachment adopted("A", static_cast<unsigned char*>(std::malloc(4)), 4);
+        adopted.adoptBlock();
+        adopted.adoptBlock(); // once is enough: no second owner
+        EXPECT_TRUE(adopted.ownsBlock());
+    }
+    auto* handedOn = static_cast<unsigned char*>(std::malloc(4));
+    {
+        HdfsAttachment adopted("H", handedOn, 4);
+        adopted.adoptBlock();
+        adopted.releaseBlock();
+        EXPECT_FALSE(adopted.ownsBlock());
+        EXPECT_EQ(adopted.getData(), handedOn);
+    }
+    std::free(handedOn);
+    // A road that consumes the data frees the block whoever made it, and only once.
+    HdfsAttachment consumed("C", static_cast<unsigned char*>(std::malloc(4)), 4);
+    consumed.adoptBlock();
+    consumed.freeBlock();
+    EXPECT_FALSE(consumed.ownsBlock());
+    EXPECT_EQ(consumed.getData(), nullptr);
+    HdfsAttachment notOwned("N", static_cast<unsigned char*>(std::malloc(4)), 4);
+    notOwned.freeBlock();
+    EXPECT_EQ(notOwned.getData(), nullptr);
 }
