@@ -13,7 +13,8 @@ Logging s_logging(__FILE__);
 
 LivingProcessWatcher::LivingProcessWatcher(const HostInfo& host, int maxAliveAge, int maxChangeAge,
                                            bool forwardAlive)
-    : Subscriber(host, {Publisher::c_topicAlive}),
+    // A watcher often lives for one wait only: it shares the process's subscription.
+    : Subscriber(host, {Publisher::c_topicAlive}, Sockets::Shared),
       m_lastAliveTime(Clock::now().time_since_epoch().count()),
       m_lastChangeTime(Clock::now().time_since_epoch().count()), m_hostInfo(host),
       m_maxAliveAge(maxAliveAge), m_maxChangeAge(maxChangeAge), m_forwardAlive(forwardAlive) {

@@ -144,6 +144,8 @@ std::shared_ptr<ReplyPackage> ReplyHandler::receiveReply(
     const std::string& requestId, TcpRequestClient* client, std::shared_ptr<Progress> progress,
     std::shared_ptr<AbstractJobLog> jobLog, int publisherPort, bool propagateAliveMessages,
     unsigned int maxWaitTime, FileName replyAttachmentPath) {
+    // Declared before the lock, so that it is stopped and joined after the lock is released.
+    std::shared_ptr<LivingProcessWatcher> watcher;
     Lock lock(mutex);
     KS_TRACE("Waiting for reply to request " << requestId);
     pendingRequests.insert(requestId);
@@ -185,7 +187,6 @@ std::shared_ptr<ReplyPackage> ReplyHandler::receiveReply(
         auto interval = boost::chrono::seconds(
             client->isLocal() ? config->getLocalRPingIntervalSec() : config->getRPingIntervalSec());
         auto nextCheck = Clock::now() + interval;
-        std::shared_ptr<LivingProcessWatcher> watcher;
         if (publisherPort >= 0) {
             watcher = std::make_shared<LivingProcessWatcher>(client->getHost(), -1, -1,
                                                              propagateAliveMessages);

@@ -1,4 +1,5 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/Subscriber.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/SharedSubscriptions.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
 
 #include <boost/chrono.hpp>
@@ -14,28 +15,25 @@ namespace {
 Logging s_logging(__FILE__);
 }
 
-namespace {
-// One context for all subscribers of the process: a context starts I/O threads of its own, too
-// dear for a watcher that lives only while one reply is awaited. Never destroyed, so that no
-// subscriber outlives it at exit.
-zmq::context_t& sharedContext() {
-    static zmq::context_t* context = new zmq::context_t();
-    return *context;
-}
-} // namespace
-
-struct Subscriber::Sockets {
-    zmq::context_t& context = sharedContext();
+struct Subscriber::OwnSockets {
     std::map<int, zmq::socket_t> sockets;
+    // With shared sockets: the endpoint of each publisher id, and whether they are registered.
+    std::map<int, std::string> sharedAddresses;
+    bool registered = false;
     boost::mutex mutex;
     int nextId = 0;
 };
 
-Subscriber::Subscriber(const HostInfo& publisher, const std::vector<std::string>& topics)
-    : Subscriber(std::vector<HostInfo>{publisher}, topics) {}
+Subscriber::Subscriber(const HostInfo& publisher, const std::vector<std::string>& topics,
+                       Sockets sockets)
+    : Thread("Subscriber"), m_sockets(std::make_unique<OwnSockets>()),
+      m_shared(sockets == Sockets::Shared), m_topics(topics) {
+    addPublisher(publisher);
+}
 
 Subscriber::Subscriber(std::vector<HostInfo> publishers, const std::vector<std::string>& topics)
-    : Thread("Subscriber"), m_sockets(std::make_unique<Sockets>()), m_topics(topics) {
+    : Thread("Subscriber"), m_sockets(std::make_unique<OwnSockets>()), m_shared(false),
+      m_topics(topics) {
     for (const auto& publisher : publishers)
         addPublisher(publisher);
 }
@@ -57,30 +55,43 @@ int Subscriber::addPublisher(const HostInfo& publisher) {
         return -1;
     }
     int id = m_sockets->nextId++;
-    auto& socket =
-        m_sockets->sockets.emplace(id, zmq::socket_t(m_sockets->context, zmq::socket_type::sub))
-            .first->second;
     std::string host = !publisher.getIp().empty() ? publisher.getIp() : publisher.getName();
     std::string address = "tcp://" + host + ":" + std::to_string(publisher.getPublisherPort());
-    // A subscriber sends nothing that must survive its close.
-    socket.set(zmq::sockopt::linger, 0);
-    socket.connect(address);
-    if (m_topics.empty()) {
-        socket.set(zmq::sockopt::subscribe, "");
-        KS_INFO("Subscribed to all topics on " << address << " (pulisherId: " << id << ")");
+    if (m_shared) {
+        m_sockets->sharedAddresses.emplace(id, address);
+        if (m_sockets->registered)
+            SharedSubscriptions::instance().add(address, m_topics, this, id);
     } else {
-        for (const auto& topic : m_topics) {
+        auto& socket =
+            m_sockets->sockets
+                .emplace(id, zmq::socket_t(SharedSubscriptions::context(), zmq::socket_type::sub))
+                .first->second;
+        // A subscriber sends nothing that must survive its close.
+        socket.set(zmq::sockopt::linger, 0);
+        socket.connect(address);
+        for (const auto& topic : m_topics)
             socket.set(zmq::sockopt::subscribe, topic + "|");
-            KS_INFO("Subscribed to topic " << topic << " on " << address << " (pulisherId: " << id
-                                           << ")");
-        }
+        if (m_topics.empty())
+            socket.set(zmq::sockopt::subscribe, "");
     }
+    if (m_topics.empty())
+        KS_INFO("Subscribed to all topics on " << address << " (pulisherId: " << id << ")");
+    for (const auto& topic : m_topics)
+        KS_INFO("Subscribed to topic " << topic << " on " << address << " (pulisherId: " << id
+                                       << ")");
     return id;
 }
 
 void Subscriber::removePublisher(int id) {
-    boost::lock_guard<boost::mutex> lock(m_sockets->mutex);
-    m_sockets->sockets.erase(id);
+    bool unregister = false;
+    {
+        boost::lock_guard<boost::mutex> lock(m_sockets->mutex);
+        m_sockets->sockets.erase(id);
+        unregister = m_sockets->sharedAddresses.erase(id) && m_sockets->registered;
+    }
+    // Outside the lock: this waits for a call in progress, which may add publishers.
+    if (unregister)
+        SharedSubscriptions::instance().remove(this, id);
     KS_INFO("Publisher " << id << " removed.");
 }
 
@@ -93,43 +104,50 @@ void Subscriber::stop() {
 void Subscriber::handleNoNewMessage(int) {}
 
 void Subscriber::executeRun() {
-    struct Message {
-        std::string topic;
-        std::vector<std::string> content;
-    };
+    if (m_shared)
+        runSharedSockets();
+    else
+        runOwnSockets();
+    KS_INFO("Subscriber stopped.");
+}
+
+void Subscriber::runSharedSockets() {
+    {
+        boost::lock_guard<boost::mutex> lock(m_sockets->mutex);
+        for (const auto& entry : m_sockets->sharedAddresses)
+            SharedSubscriptions::instance().add(entry.second, m_topics, this, entry.first);
+        m_sockets->registered = true;
+    }
+    {
+        boost::unique_lock<boost::mutex> lock(m_mutex);
+        while (!m_stop)
+            m_condition.wait(lock);
+    }
+    std::vector<int> ids;
+    {
+        boost::lock_guard<boost::mutex> lock(m_sockets->mutex);
+        m_sockets->registered = false;
+        for (const auto& entry : m_sockets->sharedAddresses)
+            ids.push_back(entry.first);
+    }
+    // After this no handler runs: the owner may destroy the subscriber once finalize() returns.
+    for (int id : ids)
+        SharedSubscriptions::instance().remove(this, id);
+}
+
+void Subscriber::runOwnSockets() {
+    using Message = SharedSubscriptions::Message;
     for (;;) {
         std::map<int, Message> received;
         std::set<int> silent;
         {
             boost::lock_guard<boost::mutex> lock(m_sockets->mutex);
             for (auto& entry : m_sockets->sockets) {
-                std::vector<std::string> frames;
-                zmq::message_t frame;
-                if (!entry.second.recv(frame, zmq::recv_flags::dontwait)) {
-                    silent.insert(entry.first);
-                    continue;
-                }
-                frames.push_back(frame.to_string());
-                while (frame.more()) {
-                    (void)entry.second.recv(frame, zmq::recv_flags::none);
-                    frames.push_back(frame.to_string());
-                }
-                if (frames.empty()) {
-                    KS_ERROR("SUBRECV - ERROR: empty messages!");
-                    continue;
-                }
                 Message message;
-                message.topic = frames[0];
-                if (!message.topic.empty())
-                    message.topic.pop_back();
-                message.content.assign(frames.begin() + 1, frames.end());
-                if (Logging::isEnabled(LogLevel::Trace)) {
-                    std::string text;
-                    for (const auto& f : frames)
-                        text += " " + f;
-                    KS_TRACE("SUBRECV - " << message.topic << " - " << text);
-                }
-                received.emplace(entry.first, std::move(message));
+                if (SharedSubscriptions::receive(entry.second, message))
+                    received.emplace(entry.first, std::move(message));
+                else
+                    silent.insert(entry.first);
             }
         }
         // Handlers run without the socket lock, so that they may add or remove publishers.
@@ -147,7 +165,6 @@ void Subscriber::executeRun() {
         if (m_stop)
             break;
     }
-    KS_INFO("Subscriber stopped.");
 }
 
 } // namespace Kestrane

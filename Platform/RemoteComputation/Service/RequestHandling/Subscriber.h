@@ -12,9 +12,11 @@
 
 namespace Kestrane {
 
-// Watches the publishers of other processes: one SUB socket per publisher, all polled without
-// blocking by one thread, which waits 10 ms when nothing came. Derived classes handle the
-// messages.
+// Watches the publishers of other processes. With sockets of its own: one SUB socket per
+// publisher, all polled without blocking by the subscriber's thread, which waits 10 ms when nothing
+// came. With shared sockets: the process's one subscription per endpoint (SharedSubscriptions)
+// calls the handlers from its thread, while the subscriber's thread only waits for stop(); for
+// short-lived subscribers such as the watcher of one wait. Derived classes handle the messages.
 class Subscriber : public Thread {
 public:
     ~Subscriber() override;
@@ -32,8 +34,11 @@ public:
     virtual void handleNoNewMessage(int publisherId);
 
 protected:
+    enum class Sockets { Own, Shared };
+
     // An empty topic list means all topics.
-    Subscriber(const HostInfo& publisher, const std::vector<std::string>& topics);
+    Subscriber(const HostInfo& publisher, const std::vector<std::string>& topics,
+               Sockets sockets = Sockets::Own);
     Subscriber(std::vector<HostInfo> publishers, const std::vector<std::string>& topics);
 
     // The new publisher's id, or -1 when the host info lacks an address or a publisher port.
@@ -41,8 +46,12 @@ protected:
     void removePublisher(int id);
 
 private:
-    struct Sockets;
-    std::unique_ptr<Sockets> m_sockets;
+    void runOwnSockets();
+    void runSharedSockets();
+
+    struct OwnSockets;
+    std::unique_ptr<OwnSockets> m_sockets;
+    const bool m_shared;
     std::vector<std::string> m_topics;
     bool m_stop = false;
     boost::condition_variable_any m_condition;

@@ -25,8 +25,10 @@ struct ReceivedMessage {
 // A subscriber that keeps what it receives.
 class RecordingSubscriber : public Subscriber {
 public:
-    RecordingSubscriber(const HostInfo& host, const std::vector<std::string>& topics)
-        : Subscriber(host, topics) {}
+    using Subscriber::Sockets;
+    RecordingSubscriber(const HostInfo& host, const std::vector<std::string>& topics,
+                        Sockets sockets = Sockets::Own)
+        : Subscriber(host, topics, sockets) {}
     RecordingSubscriber(std::vector<HostInfo> hosts, const std::vector<std::string>& topics)
         : Subscriber(std::move(hosts), topics) {}
     ~RecordingSubscriber() override {
