@@ -16,7 +16,9 @@
 #include <xercesc/util/XMLException.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <sstream>
+#include <thread>
 
 namespace {
 Kestrane::Logging s_logging(__FILE__);
@@ -62,25 +64,32 @@ std::string fragmentName(const std::string& fragment) {
 
 } // namespace
 
-// One schema version: the locked pool that every parser of this version reads.
+// One schema version compiled into a locked grammar pool, with the text it came from so that
+// more copies can be compiled.
 struct RequestXmlHelper::CompiledSchema {
     uint64_t version = 0;
+    std::string text;
     std::unique_ptr<xercesc::XMLGrammarPoolImpl> pool;
+    // The first parser of a version takes this grammar itself; the others compile their own.
+    std::atomic<bool> taken{false};
 };
 
-// The parser of one thread. The parser must go before the pool it was made on, hence the
-// explicit order in the destructor and wherever the parser is replaced.
-struct RequestXmlHelper::ThreadParser {
+// A parser with a grammar of its own. Validation writes into the grammar (Xerces builds content
+// models and pattern expressions at their first use), so a grammar may serve one parse at a
+// time: a handful of these serve every thread, each lent to one parse. The parser must go before
+// the pool it was made on, hence the explicit order in the destructor and wherever the parser is
+// replaced.
+struct RequestXmlHelper::Parser {
     std::shared_ptr<CompiledSchema> schema;
     ThrowingErrorHandler errorHandler;
     xercesc::SecurityManager securityManager;
     std::unique_ptr<xercesc::XercesDOMParser> parser;
 
-    ~ThreadParser() { parser.reset(); }
+    ~Parser() { parser.reset(); }
 
     void useSchema(const std::shared_ptr<CompiledSchema>& current) {
         parser.reset();
-        schema = current;
+        schema = current->taken.exchange(true) ? compile(current->text, current->version) : current;
         // Made after the pool was locked: a parser built on an unlocked pool writes to it.
         parser = std::make_unique<xercesc::XercesDOMParser>(
             nullptr, xercesc::XMLPlatformUtils::fgMemoryManager, schema->pool.get());
@@ -112,7 +121,8 @@ std::string RequestXmlHelper::getNamespaceDeclarations() {
     return std::string("xmlns:xsi=\"") + c_xsiNamespaceUri + "\" xmlns=\"" + c_namespaceUri + "\"";
 }
 
-RequestXmlHelper::RequestXmlHelper() {
+RequestXmlHelper::RequestXmlHelper()
+    : m_maxParsers(std::max(2u, std::thread::hardware_concurrency())) {
     XercesPlatform::ensureInitialized();
     m_compiled = compile(RequestBaseSchema::getSchemaText(m_fragments), 1);
     KS_DEBUG("Compiled base request schema.");
@@ -122,6 +132,7 @@ std::shared_ptr<RequestXmlHelper::CompiledSchema> RequestXmlHelper::compile(cons
                                                                             uint64_t version) {
     auto compiled = std::make_shared<CompiledSchema>();
     compiled->version = version;
+    compiled->text = text;
     compiled->pool =
         std::make_unique<xercesc::XMLGrammarPoolImpl>(xercesc::XMLPlatformUtils::fgMemoryManager);
     std::string failure;
@@ -185,23 +196,56 @@ void RequestXmlHelper::addSchema(const AbstractRequestSchema& schema) {
     KS_DEBUG("Added schema fragment " << name << ", schema version " << version << ".");
 }
 
-xercesc::DOMDocument* RequestXmlHelper::parse(const std::string& text) {
-    thread_local ThreadParser t_parser;
-    std::shared_ptr<CompiledSchema> current = getCompiledSchema();
-    if (t_parser.schema != current) {
-        KS_TRACE("Building parser for schema version " << current->version << ".");
-        t_parser.useSchema(current);
+std::unique_ptr<RequestXmlHelper::Parser> RequestXmlHelper::borrowParser() {
+    std::unique_ptr<Parser> lent;
+    {
+        std::unique_lock<std::mutex> lock(m_parsersMutex);
+        m_parserReturned.wait(lock,
+                              [&] { return !m_idleParsers.empty() || m_parsers < m_maxParsers; });
+        if (m_idleParsers.empty()) {
+            ++m_parsers;
+            lent = std::make_unique<Parser>();
+        } else {
+            lent = std::move(m_idleParsers.back());
+            m_idleParsers.pop_back();
+        }
     }
-    xercesc::XercesDOMParser& parser = *t_parser.parser;
+    std::shared_ptr<CompiledSchema> current = getCompiledSchema();
+    if (!lent->schema || lent->schema->version != current->version) {
+        KS_TRACE("Building parser for schema version " << current->version << ".");
+        try {
+            lent->useSchema(current);
+        } catch (...) {
+            giveBack(nullptr);
+            throw;
+        }
+    }
+    return lent;
+}
+
+void RequestXmlHelper::giveBack(std::unique_ptr<Parser> parser) {
+    {
+        std::lock_guard<std::mutex> lock(m_parsersMutex);
+        if (parser)
+            m_idleParsers.push_back(std::move(parser));
+        else
+            --m_parsers;
+    }
+    m_parserReturned.notify_one();
+}
+
+xercesc::DOMDocument* RequestXmlHelper::parse(const std::string& text) {
+    std::unique_ptr<Parser> lent = borrowParser();
+    struct GiveBack {
+        RequestXmlHelper& helper;
+        std::unique_ptr<Parser>& parser;
+        ~GiveBack() { helper.giveBack(std::move(parser)); }
+    } giveBackAtEnd{*this, lent};
+    xercesc::XercesDOMParser& parser = *lent->parser;
     std::string failure;
     try {
         xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()),
                                           text.size(), "RequestXmlHelper", false);
-        // Validation writes into the shared grammar: Xerces builds content models and pattern
-        // expressions at their first use. Parses of several threads at once would race there
-        // (seen as spurious pattern failures and leaked models), so one parse runs at a time.
-        static std::mutex s_validationMutex;
-        std::lock_guard<std::mutex> lock(s_validationMutex);
         parser.parse(source);
     } catch (const xercesc::SAXParseException& e) {
         failure = "Error parsing XML document at " + describe(e);

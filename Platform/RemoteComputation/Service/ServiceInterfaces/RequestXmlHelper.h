@@ -4,6 +4,7 @@
 
 #include <xercesc/dom/DOMDocument.hpp>
 
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -15,9 +16,10 @@ namespace Kestrane {
 // Parses and validates every message of the system. The schema is the base schema joined with
 // the fragments that handlers add while a process sets up; it only grows.
 //
-// The grammar is compiled once per schema version, into a locked grammar pool that parsers share
-// read-only. Each thread keeps its own parser on the current pool and rebuilds it when a fragment
-// has been added, so parse() takes no lock of its own beyond fetching the current version.
+// Xerces completes parts of a grammar while it validates with it, so a grammar serves one parse at
+// a time. As many parsers as the machine has cores (at least 2), each with its own compiled copy
+// of the current schema, are lent to the parses of all threads; a parser whose schema version is
+// behind recompiles when it is next lent. Parses run in parallel up to that number.
 class RequestXmlHelper {
 public:
     static constexpr const char* c_namespaceUri =
@@ -52,18 +54,28 @@ public:
 
 private:
     struct CompiledSchema;
-    struct ThreadParser;
+    struct Parser;
 
     RequestXmlHelper();
     ~RequestXmlHelper() = default;
 
     static std::shared_ptr<CompiledSchema> compile(const std::string& text, uint64_t version);
     std::shared_ptr<CompiledSchema> getCompiledSchema() const;
+    // Waits for an idle parser (or makes one, up to m_maxParsers) on the current schema version.
+    std::unique_ptr<Parser> borrowParser();
+    // Null: the parser was lost (its rebuild failed), one more may be made.
+    void giveBack(std::unique_ptr<Parser> parser);
 
     mutable std::mutex m_addMutex; // serialises addSchema, guards m_fragments
     std::vector<std::string> m_fragments;
     mutable std::mutex m_compiledMutex; // guards the pointer m_compiled only
     std::shared_ptr<CompiledSchema> m_compiled;
+
+    std::mutex m_parsersMutex; // guards the three below
+    std::condition_variable m_parserReturned;
+    std::vector<std::unique_ptr<Parser>> m_idleParsers;
+    size_t m_parsers = 0; // made and not lost
+    const size_t m_maxParsers;
 };
 
 } // namespace Kestrane

@@ -16,8 +16,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <vector>
 
 using namespace Kestrane;
 using namespace KestraneTest;
@@ -221,4 +225,112 @@ TEST_F(MessageValidationTest, ValidRequestThatNoHandlerDecodes) {
         EXPECT_EQ(e.getSource(), "RequestHandling");
         EXPECT_NE(std::string(e.what()).find("LinkTestRequest"), std::string::npos) << e.what();
     }
+}
+
+namespace {
+// A request type of its own, so that the test starts on a schema version that no parse has used
+// yet: what Xerces completes at a grammar's first use then happens under the concurrent parses.
+class FreshVersionSchema : public AbstractRequestSchema {
+public:
+    FreshVersionSchema() {
+        m_schemaText = "  <!-- FreshVersionRequestSchema -->\n"
+                       "  <xs:complexType name=\"FreshVersionRequest\">\n"
+                       "    <xs:complexContent>\n"
+                       "      <xs:extension base=\"ksrq:Request\"/>\n"
+                       "    </xs:complexContent>\n"
+                       "  </xs:complexType>\n";
+    }
+};
+} // namespace
+
+TEST_F(MessageValidationTest, EveryMessageTypeValidatesOnManyThreadsAtOnce) {
+    registerLinkTestSchema();
+    RequestHandler handler("validation");
+    std::vector<RequestEncoder> requests;
+    requests.emplace_back("AbortRequest");
+    requests.back().addElement("requestId", UniqueID::generateId(), "  ");
+    requests.emplace_back("AbortRequest");
+    requests.back().addElement("jobId", UniqueID::generateId(), "  ");
+    requests.emplace_back("GetStatusRequest");
+    requests.emplace_back("ShutdownRequest");
+    for (const char* type : {"DisconnectRequest", "ReconnectRequest"}) {
+        requests.emplace_back(type);
+        requests.back().addElement("originalRequestId", UniqueID::generateId(), "  ");
+    }
+    requests.emplace_back("TestRequest");
+    requests.back().addElement("command", "NOP", "  ");
+    // Request packages, and the replies the standard handler gives (acknowledgements, status,
+    // test and exception replies), each through its reply package.
+    std::vector<std::string> packages;
+    for (auto& request : requests) {
+        RequestPackageEncoder encoder(request.getEncodedRequest(), "RC", "");
+        packages.push_back(encoder.getEncodedRequestPackage());
+    }
+    std::vector<std::string> replies;
+    for (auto& request : requests) {
+        // The requests that need a running server get no reply from the plain handler.
+        if (auto text =
+                handler.handle(request.getEncodedRequest(), nullptr, "client", nullptr, true))
+            replies.push_back(ReplyPackageEncoder(*text, 1).getEncodedReplyPackage());
+    }
+    ASSERT_GE(replies.size(), 3u);
+    ReplyEncoder exception("ExceptionReply", UniqueID::generateId());
+    std::runtime_error cause("a cause");
+    exception.addException(&cause);
+    replies.push_back(
+        ReplyPackageEncoder(exception.getEncodedReply("   ", "  "), 2).getEncodedReplyPackage());
+    int ints[4] = {1, -2, 3, -4};
+    double doubles[3] = {0.5, 1.25, -8.0};
+    ReplyEncoder arrays("LinkTestReply", UniqueID::generateId());
+    arrays.addIntArrayElement("ints", ints, 4);
+    arrays.addDoubleArrayElement("doubles", doubles, 3);
+    replies.push_back(
+        ReplyPackageEncoder(arrays.getEncodedReply("   ", "  "), 3).getEncodedReplyPackage());
+    // Each is valid on its own.
+    // Request packages are validated as the server's decoder does first; which handler decodes
+    // them is not the point here.
+    auto validate = [](const std::string& text) {
+        RequestXmlHelper::getInstance()->parse(text)->release();
+    };
+    for (const auto& package : packages)
+        ASSERT_NO_THROW(validate(package)) << package;
+    for (const auto& package : replies)
+        ASSERT_NO_THROW(ReplyPackage::decode(package, nullptr)) << package;
+
+    RequestXmlHelper::getInstance()->addSchema(FreshVersionSchema());
+    constexpr int c_threads = 8;
+    constexpr int c_rounds = 100;
+    std::atomic<int> ready{0};
+    std::atomic<int> decoded{0};
+    std::atomic<int> failed{0};
+    std::mutex firstFailureMutex;
+    std::string firstFailure;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < c_threads; ++t) {
+        threads.emplace_back([&, t] {
+            ++ready;
+            while (ready < c_threads) {
+            } // all start together, on a grammar nobody has used
+            for (int round = 0; round < c_rounds; ++round) {
+                size_t pick = static_cast<size_t>(t * 7 + round);
+                try {
+                    if (pick % 2)
+                        validate(packages[pick / 2 % packages.size()]);
+                    else
+                        ReplyPackage::decode(replies[pick / 2 % replies.size()], nullptr)
+                            ->getReply();
+                    ++decoded;
+                } catch (const std::exception& e) {
+                    ++failed;
+                    std::lock_guard<std::mutex> lock(firstFailureMutex);
+                    if (firstFailure.empty())
+                        firstFailure = e.what();
+                }
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(failed, 0) << firstFailure;
+    EXPECT_EQ(decoded, c_threads * c_rounds);
 }
