@@ -45,6 +45,13 @@ public:
     OpenFile(const OpenFile&) = delete;
     OpenFile& operator=(const OpenFile&) = delete;
     int get() const { return m_handle; }
+    // Closes now and takes the file's own bytes (a file made here): null on failure.
+    unsigned char* closeTakingImage(uint64_t& size) {
+        unsigned char* block = nullptr;
+        int handle = m_handle;
+        m_handle = 0;
+        return KSHLcloseMemoryFileTakingImage(handle, size, block) > 0 ? block : nullptr;
+    }
 
 private:
     int m_handle;
@@ -295,8 +302,9 @@ bool XLinkTranscoder::dhaToHdfs(std::string& id, std::string& dataPtrType, std::
         return false;
     if (!writeDataset(file.get(), linkId, kind, compressionLevel, dataSize, array))
         return false;
+    // The memory file's own bytes become the block: no copy of a large array.
     uint64_t blockSize = 0;
-    unsigned char* block = copyBlock(file.get(), blockSize);
+    unsigned char* block = file.closeTakingImage(blockSize);
     if (!block)
         return false;
     // Freed only now, when nothing can fail any more, so that a failure leaves the array.

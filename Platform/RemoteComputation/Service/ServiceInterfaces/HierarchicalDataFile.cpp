@@ -27,8 +27,20 @@ struct FreeDeleter {
     void operator()(unsigned char* block) const { std::free(block); }
 };
 
+// The core driver's buffer of a file made here. It is allocated through file image callbacks, so
+// that a close can hand the buffer over instead of freeing it.
+struct OwnImage {
+    void* buffer = nullptr;
+    std::size_t size = 0;
+    bool handOver = false;
+    void* handedOver = nullptr;
+    std::size_t handedOverSize = 0;
+};
+
 struct MemoryFile {
     hid_t file = -1;
+    // Only for files made by KSHLcreateMemoryFile; the driver holds its address as udata.
+    std::unique_ptr<OwnImage> own;
     // Last block handed out by KSHLgetMemoryFile; from malloc, since a vector would first fill
     // the whole block with zeros.
     std::unique_ptr<unsigned char, FreeDeleter> image;
@@ -177,6 +189,39 @@ herr_t keepUdata(void*) {
     return 0;
 }
 
+void* ownMalloc(size_t size, H5FD_file_image_op_t, void* udata) {
+    auto* own = static_cast<OwnImage*>(udata);
+    own->buffer = std::malloc(size);
+    own->size = own->buffer ? size : 0;
+    return own->buffer;
+}
+
+void* ownMemcpy(void* dest, const void* src, size_t size, H5FD_file_image_op_t, void*) {
+    return std::memcpy(dest, src, size);
+}
+
+void* ownRealloc(void* buffer, size_t size, H5FD_file_image_op_t, void* udata) {
+    auto* own = static_cast<OwnImage*>(udata);
+    void* moved = std::realloc(buffer, size);
+    if (moved) {
+        own->buffer = moved;
+        own->size = size;
+    }
+    return moved;
+}
+
+herr_t ownFree(void* buffer, H5FD_file_image_op_t, void* udata) {
+    auto* own = static_cast<OwnImage*>(udata);
+    if (own->handOver && buffer == own->buffer) {
+        own->handedOver = buffer;
+        own->handedOverSize = own->size;
+    } else
+        std::free(buffer);
+    if (buffer == own->buffer)
+        own->buffer = nullptr;
+    return 0;
+}
+
 std::string uniqueName() {
     // The core driver keys open files by name, so each needs its own.
     return "ks-memory-file-" + std::to_string(getpid()) + "-" + std::to_string(s_nextName++);
@@ -236,14 +281,17 @@ int createDataset(int handle, const char* group, const char* name, int compressi
     Id lcpl(H5Pcreate(H5P_LINK_CREATE), H5Pclose);
     if (!space.valid() || !dcpl.valid() || !lcpl.valid())
         return 0;
-    std::size_t width = H5Tget_size(type);
-    hsize_t chunk[1] = {std::min<hsize_t>(dims[0], std::max<std::size_t>(1, c_chunkBytes / width))};
-    if (H5Pset_chunk(dcpl.get(), 1, chunk) < 0 ||
-        H5Pset_create_intermediate_group(lcpl.get(), 1) < 0)
+    if (H5Pset_create_intermediate_group(lcpl.get(), 1) < 0)
         return 0;
+    // Contiguous unless compressed: the data then goes into the file, and later into the reader's
+    // array, in one copy each, without the chunk machinery.
     if (compressionLevel > 3) {
+        std::size_t width = H5Tget_size(type);
+        hsize_t chunk[1] = {
+            std::min<hsize_t>(dims[0], std::max<std::size_t>(1, c_chunkBytes / width))};
         unsigned int level = static_cast<unsigned int>(std::min(compressionLevel, 9));
-        if (H5Pset_shuffle(dcpl.get()) < 0 || H5Pset_deflate(dcpl.get(), level) < 0)
+        if (H5Pset_chunk(dcpl.get(), 1, chunk) < 0 || H5Pset_shuffle(dcpl.get()) < 0 ||
+            H5Pset_deflate(dcpl.get(), level) < 0)
             return 0;
     }
     Id dataset(
@@ -309,10 +357,17 @@ int KSHLcreateMemoryFile(uint64_t sizeHint) {
     std::size_t increment = static_cast<std::size_t>(sizeHint) + (64u << 10);
     if (H5Pset_fapl_core(fapl.get(), increment, 0) < 0)
         return 0;
+    auto own = std::make_unique<OwnImage>();
+    H5FD_file_image_callbacks_t callbacks = {ownMalloc, ownMemcpy, ownRealloc, ownFree,
+                                             sameUdata, keepUdata, own.get()};
+    if (H5Pset_file_image_callbacks(fapl.get(), &callbacks) < 0)
+        return 0;
     hid_t file = H5Fcreate(uniqueName().c_str(), H5F_ACC_EXCL, H5P_DEFAULT, fapl.get());
     if (file < 0)
         return 0;
-    return registerFile(file);
+    int handle = registerFile(file);
+    s_files[handle].own = std::move(own);
+    return handle;
 }
 
 int KSHLloadMemoryFileFromDiskFile(const char* path, std::size_t maxPathLength) {
@@ -386,6 +441,34 @@ int KSHLgetMemoryFile(int handle, uint64_t& size, const unsigned char*& block) {
         return 0;
     size = static_cast<uint64_t>(length);
     block = entry.image.get();
+    return 1;
+}
+
+int KSHLcloseMemoryFileTakingImage(int handle, uint64_t& size, unsigned char*& block) {
+    Lock lock;
+    auto found = s_files.find(handle);
+    if (found == s_files.end())
+        return 0;
+    std::unique_ptr<OwnImage> own = std::move(found->second.own);
+    if (own)
+        own->handOver = true;
+    herr_t closed = H5Fclose(found->second.file);
+    s_files.erase(found);
+    if (!own)
+        return 0;
+    std::unique_ptr<unsigned char, FreeDeleter> image(static_cast<unsigned char*>(own->handedOver));
+    if (closed < 0 || !image)
+        return 0;
+    // The buffer grows in whole increments; the file is what its superblock says.
+    uint64_t length = imageLength(image.get(), own->handedOverSize);
+    if (length == 0 || length > own->handedOverSize)
+        return 0;
+    if (void* fitted = std::realloc(image.get(), static_cast<std::size_t>(length))) {
+        (void)image.release();
+        image.reset(static_cast<unsigned char*>(fitted));
+    }
+    size = length;
+    block = image.release();
     return 1;
 }
 

@@ -12,10 +12,10 @@ namespace Kestrane {
 // many threads: all HDF5 work is serialised behind one lock of this library, which also guards
 // the handle table and does not rely on how the installed HDF5 was built.
 //
-// Datasets are one-dimensional and chunked. Compression levels:
-//   level <= 3      stored without any filter. Deflate costs about ten times the rest of the
-//                   send path, and the callers on that path use 3, so it is kept cheap.
-//   level 4 to 9    shuffle + deflate at that level (levels above 9 count as 9).
+// Datasets are one-dimensional. Compression levels:
+//   level <= 3      stored contiguous, without any filter. Deflate costs about ten times the rest
+//                   of the send path, and the callers on that path use 3, so it is kept cheap.
+//   level 4 to 9    chunked, shuffle + deflate at that level (levels above 9 count as 9).
 // Only shuffle and deflate are ever used, so that every HDF5 installation can read the block.
 
 // A new, empty memory file; `sizeHint` (bytes) sizes the first allocation. Returns the handle.
@@ -42,6 +42,11 @@ int KSHLgetMemoryFile(int handle, uint64_t& size, const unsigned char*& block);
 
 // Closes the file and releases what the library holds for it. Returns 1 or 0.
 int KSHLcloseFile(int handle);
+
+// Closes a file made by KSHLcreateMemoryFile and hands over its bytes without copying them: the
+// block is the file's own memory, from malloc, and the caller frees it. Returns 1 and sets both,
+// or 0 (the file is closed all the same, and nothing is handed over).
+int KSHLcloseMemoryFileTakingImage(int handle, uint64_t& size, unsigned char*& block);
 
 // Writes `count` elements as the dataset `group`/`name`, creating the group when needed.
 // `count` must be above 0. Returns 1 or 0; on failure no dataset is left behind.

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -107,6 +108,35 @@ TEST(HierarchicalDataFileTest, EveryElementKindKeepsItsBits) {
     EXPECT_EQ(intsBack, ints);
     EXPECT_EQ(bytesBack, bytes);
     EXPECT_EQ(KSHLcloseFile(handle), 1);
+}
+
+TEST(HierarchicalDataFileTest, TakingTheImageHandsOverTheFileItself) {
+    std::vector<double> values = ramp(300000, 2.0);
+    int handle = KSHLcreateMemoryFile(values.size() * sizeof(double));
+    ASSERT_GT(handle, 0);
+    ASSERT_EQ(KSHLcreateDoubleDataset(handle, "root", "taken", 3, values.size(), values.data()), 1);
+    std::vector<unsigned char> copied = imageOf(handle);
+    uint64_t size = 0;
+    unsigned char* block = nullptr;
+    ASSERT_EQ(KSHLcloseMemoryFileTakingImage(handle, size, block), 1);
+    ASSERT_NE(block, nullptr);
+    // The same bytes as a copy made just before, and no more: a file of its own length.
+    EXPECT_EQ(std::vector<unsigned char>(block, block + size), copied);
+    EXPECT_EQ(KSHLcloseFile(handle), 0); // closed already
+
+    int opened = 0;
+    ASSERT_EQ(KSHLopenMemoryFile(block, size, opened), 1);
+    std::vector<double> back(values.size());
+    EXPECT_EQ(KSHLreadDoubleDataset(opened, "root", "taken", back.data()), 1);
+    EXPECT_EQ(back, values);
+    // Only files made here hand their memory over; another is closed and gives nothing.
+    uint64_t otherSize = 0;
+    unsigned char* other = nullptr;
+    EXPECT_EQ(KSHLcloseMemoryFileTakingImage(opened, otherSize, other), 0);
+    EXPECT_EQ(other, nullptr);
+    EXPECT_EQ(KSHLcloseFile(opened), 0);
+    EXPECT_EQ(KSHLcloseMemoryFileTakingImage(-5, otherSize, other), 0);
+    std::free(block); // the caller's, from malloc
 }
 
 TEST(HierarchicalDataFileTest, BlockIsAPlainHdf5FileOnDisk) {
