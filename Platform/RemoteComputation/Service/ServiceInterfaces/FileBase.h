@@ -25,7 +25,9 @@ namespace Computing {
 //   sender   -> receiver size bytes of the file         only after 'C'
 //   receiver -> sender  'K' stored, or 'X' + message   only after 'C'
 // A failure inside the file data, or cancel(), shuts the connection down; the conversation
-// cannot resume then. After success, and after 'N', 'R' and 'E', the connection stays usable.
+// cannot resume then. A receiver that cannot write the file (a full disk) answers 'X' with the
+// cause after taking the rest of the data instead. After success, and after 'N', 'R' and 'E',
+// the connection stays usable.
 class FileBase : public ErrorMessage {
 public:
     FileBase(uint64_t socket, bool parallel, unsigned int blockSize);

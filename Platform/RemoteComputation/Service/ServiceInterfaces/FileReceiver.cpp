@@ -163,6 +163,22 @@ bool FileReceiver::run(const std::string& fileName, const std::string& directory
     return true;
 }
 
+void FileReceiver::failWriting(uint64_t unread) {
+    const std::string reason = std::string("writing the file: ") + std::strerror(errno);
+    setErrorMessage("File transfer failed: " + reason);
+    // The sender reads an answer only after the data: the rest is taken and thrown away, so that
+    // the sender gets to the answer and learns the cause, not just a lost connection.
+    bool inStep = writeAll("X", 1) && writeText(reason);
+    std::vector<char> sink(static_cast<size_t>(std::min<uint64_t>(c_maxBuffer, m_blockSize)));
+    while (inStep && unread > 0) {
+        const size_t want = static_cast<size_t>(std::min<uint64_t>(sink.size(), unread));
+        inStep = readAll(sink.data(), want);
+        unread -= want;
+    }
+    if (!inStep)
+        shutdownSocket();
+}
+
 int FileReceiver::spliceFileData(int fileFd, uint64_t size) {
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC) != 0)
@@ -197,9 +213,7 @@ int FileReceiver::spliceFileData(int fileFd, uint64_t size) {
             if (moved < 0 && errno == EINTR)
                 continue;
             if (moved <= 0) {
-                setErrorMessage(std::string("File transfer failed: writing the file: ") +
-                                std::strerror(errno));
-                shutdownSocket();
+                failWriting(size - done - static_cast<uint64_t>(got));
                 return 0;
             }
             inPipe -= static_cast<size_t>(moved);
@@ -233,10 +247,7 @@ bool FileReceiver::receiveFileData(int fileFd, uint64_t size) {
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0) {
-                setErrorMessage(std::string("File transfer failed: writing the file: ") +
-                                std::strerror(errno));
-                // The sender is still sending: only ending the connection stops it.
-                shutdownSocket();
+                failWriting(size - done - want);
                 return false;
             }
             written += static_cast<size_t>(n);

@@ -9,7 +9,9 @@ namespace Computing {
 
 // Receiving side of a file transfer (see FileBase for the exchange). The data goes to a
 // temporary file in the target directory, which is renamed to its name only when the whole file
-// with its size has arrived; a failed or cancelled transfer leaves no file behind.
+// with its size has arrived; a failed or cancelled transfer leaves no file behind. A file that
+// cannot be written (a full disk) is answered with 'X' and the cause, and the rest of the data is
+// taken and dropped, so that the sender learns why.
 class FileReceiver : public FileBase {
 public:
     // `socket`: the raw handle of the connection; `parallel` has no effect.
@@ -32,6 +34,9 @@ private:
     bool run(const std::string& fileName, const std::string& directory, bool& copied);
     bool refuse(const std::string& reason);
     bool receiveFileData(int fileFd, uint64_t size);
+    // A write into the file failed (errno tells why), with `unread` bytes of the data still to
+    // come: tells the sender why.
+    void failWriting(uint64_t unread);
     // Moves the data from the socket into the file through a pipe, without a copy in user
     // space. 1: done, 0: failed, -1: not possible here (nothing was taken from the socket).
     int spliceFileData(int fileFd, uint64_t size);
