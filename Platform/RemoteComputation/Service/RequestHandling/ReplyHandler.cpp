@@ -80,8 +80,9 @@ void ReplyHandler::handleReply(std::shared_ptr<ReplyPackage> package) {
         KS_TRACE("Received reply for request " << id);
         waitForNotHandledSerial(*package, lock);
         replies[id] = package;
-        condition.notify_all();
     }
+    // After the lock: the woken waiter takes it at once instead of blocking on it again.
+    condition.notify_all();
     replyReceived(id);
 }
 

@@ -31,7 +31,7 @@ WorkerPool::~WorkerPool() {
     // remaining workers run before they end.
     std::vector<std::unique_ptr<Worker>> workers;
     {
-        boost::lock_guard<boost::mutex> lock(m_mutex);
+        std::lock_guard<std::mutex> lock(m_mutex);
         m_shutdown = true;
         workers.swap(m_workers);
     }
@@ -48,7 +48,7 @@ void WorkerPool::addTask(std::shared_ptr<Task> task) {
         return;
     bool needWorker = false;
     {
-        boost::lock_guard<boost::mutex> lock(m_mutex);
+        std::lock_guard<std::mutex> lock(m_mutex);
         m_queue.push_back(std::move(task));
         // A new worker only when no idle one can take the task.
         needWorker = !m_shutdown && m_idle < m_queue.size() && m_workers.size() < m_size;
@@ -61,7 +61,7 @@ void WorkerPool::addTask(std::shared_ptr<Task> task) {
 }
 
 std::shared_ptr<Task> WorkerPool::takeTask() {
-    boost::unique_lock<boost::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     ++m_idle;
     m_taskAvailable.wait(lock, [this] { return m_shutdown || !m_queue.empty(); });
     --m_idle;
@@ -74,7 +74,7 @@ std::shared_ptr<Task> WorkerPool::takeTask() {
 }
 
 void WorkerPool::taskDone() {
-    boost::lock_guard<boost::mutex> lock(m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     --m_busy;
     if (m_busy == 0 && m_queue.empty())
         m_allDone.notify_all();
@@ -96,17 +96,17 @@ void WorkerPool::runTask(Task& task) {
 }
 
 void WorkerPool::waitForAllTasks() {
-    boost::unique_lock<boost::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     m_allDone.wait(lock, [this] { return m_busy == 0 && m_queue.empty(); });
 }
 
 uint64_t WorkerPool::getBusyWorkersCount() const {
-    boost::lock_guard<boost::mutex> lock(m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_busy;
 }
 
 uint64_t WorkerPool::getQueuedTasksCount() const {
-    boost::lock_guard<boost::mutex> lock(m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_queue.size();
 }
 

@@ -3,12 +3,11 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Task.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Thread.h"
 
-#include <boost/thread/condition_variable.hpp>
-#include <boost/thread/mutex.hpp>
-
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 namespace Kestrane {
@@ -57,9 +56,11 @@ private:
 
     unsigned int m_size;
     Thread::Priority m_priority;
-    mutable boost::mutex m_mutex;
-    boost::condition_variable m_taskAvailable;
-    boost::condition_variable m_allDone;
+    // Standard primitives: Boost's interruptible condition variable takes an internal mutex on
+    // every wait and notify, which costs each hand-off of a task several more system calls.
+    mutable std::mutex m_mutex;
+    std::condition_variable m_taskAvailable;
+    std::condition_variable m_allDone;
     std::deque<std::shared_ptr<Task>> m_queue;
     std::vector<std::unique_ptr<Worker>> m_workers;
     uint64_t m_busy = 0;
