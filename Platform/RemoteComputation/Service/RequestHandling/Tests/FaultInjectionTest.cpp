@@ -1,6 +1,7 @@
 // Faults injected into real processes: a server killed in the middle of a reply, a client killed
 // while its reply is on its way, a disk that fills up under a file being received, a publisher
 // without a free port, and request handlers that throw, never return or end their process.
+#include "HandlerTestSupport.h"
 #include "ServerTestPeers.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/Reply.h"
@@ -41,6 +42,7 @@
 
 using namespace Kestrane;
 using namespace KestraneTest;
+using Kestrane::Testing::testRequest;
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
@@ -52,14 +54,6 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 // Seconds after which a wait that should have ended long before is given up, so that a failing
 // test still ends.
 constexpr unsigned int c_bound = 10;
-
-RequestEncoder testRequest(const std::string& command, const std::string& data = "") {
-    RequestEncoder encoder("TestRequest");
-    encoder.addElement("command", command, "  ");
-    if (!data.empty())
-        encoder.addElement("data", data, "  ");
-    return encoder;
-}
 
 std::string dataOf(const std::shared_ptr<Reply>& reply) {
     return reply ? reply->getElement("data") : "<no reply>";

@@ -1,5 +1,6 @@
 // A real ks-request-server child and this process as its client: every request goes out on a
 // fresh connection and its reply comes back on a new connection to this process's own server.
+#include "HandlerTestSupport.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/KSData.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Progress.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Publisher.h"
@@ -38,17 +39,10 @@
 using namespace Kestrane;
 using Kestrane::Testing::ReceivedMessage;
 using Kestrane::Testing::RecordingSubscriber;
+using Kestrane::Testing::testRequest;
 using namespace std::chrono_literals;
 
 namespace {
-
-RequestEncoder testRequest(const std::string& command, const std::string& data = "") {
-    RequestEncoder encoder("TestRequest");
-    encoder.addElement("command", command, "  ");
-    if (!data.empty())
-        encoder.addElement("data", data, "  ");
-    return encoder;
-}
 
 void setSetting(const std::string& name, const std::string& value) {
     RequestServerConfiguration::getRegisteredInstance()->setValue(name, value);

@@ -1,6 +1,7 @@
 // A real ks-request-server child under a crowd of peers that connect and say nothing, drip a
 // packet byte by byte, fill its request pool with long work or exceed its limits: a newcomer is
 // served at once all the same.
+#include "HandlerTestSupport.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/Reply.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestEncoder.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
@@ -28,17 +29,10 @@
 
 using namespace Kestrane;
 using namespace std::chrono_literals;
+using Kestrane::Testing::testRequest;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-RequestEncoder testRequest(const std::string& command, const std::string& data = "") {
-    RequestEncoder encoder("TestRequest");
-    encoder.addElement("command", command, "  ");
-    if (!data.empty())
-        encoder.addElement("data", data, "  ");
-    return encoder;
-}
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
