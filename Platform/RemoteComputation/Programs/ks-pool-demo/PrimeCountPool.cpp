@@ -17,7 +17,10 @@ PrimeCountPool::PrimeCountPool(const DistributedWorkerPoolSettings& settings,
                             1000),
       timing(timing) {}
 
-PrimeCountPool::~PrimeCountPool() = default;
+PrimeCountPool::~PrimeCountPool() {
+    // A late call from a worker may still be inside this part of the pool.
+    endProtocolCalls();
+}
 
 void PrimeCountPool::addTaskInput(ReplyEncoder& encoder,
                                   std::shared_ptr<DistributedWorkerTask> task, const std::string&) {

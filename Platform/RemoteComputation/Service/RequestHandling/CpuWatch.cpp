@@ -111,7 +111,7 @@ void CpuWatch::setUp(int intervalSeconds, int tolerance, int availableCores,
     m_lastSystem = times.system;
     if (!start) {
         m_watchDog = std::make_shared<WatchDog>(c_tickMilliseconds);
-        m_watchDog->watchThis(this);
+        m_watchDog->watchThis(&m_ticker);
         m_watchDog->startWatching();
         m_watching = true;
     }
@@ -128,6 +128,10 @@ CpuWatch::ProcessTimes CpuWatch::readProcessTimes() {
 }
 
 bool CpuWatch::watch(bool stopping) {
+    return tick(stopping);
+}
+
+bool CpuWatch::tick(bool stopping) {
     if (stopping)
         return false;
     boost::lock_guard<boost::mutex> lock(m_mutex);

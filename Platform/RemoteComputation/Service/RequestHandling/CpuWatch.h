@@ -64,6 +64,19 @@ protected:
     double getSpinFactor() const;
 
 private:
+    // What the watchdog calls. A member of its own: the watchdog's thread then never reads this
+    // object's vptr, which the constructor and destructor of a derived class rewrite while the
+    // ticks go on.
+    class Ticker : public Watchable {
+    public:
+        explicit Ticker(CpuWatch& owner) : m_owner(owner) {}
+        bool watch(bool stopping) override { return m_owner.tick(stopping); }
+
+    private:
+        CpuWatch& m_owner;
+    };
+
+    bool tick(bool stopping);
     void setUp(int intervalSeconds, int tolerance, int availableCores, const ProcessTimes* start);
     // Steps of one measurement; the mutex is held.
     bool measure(const ProcessTimes& now);
@@ -76,6 +89,8 @@ private:
 
     mutable boost::mutex m_mutex;
     bool m_watching = false;
+    // Before the watchdog, so that it outlives the watchdog's thread.
+    Ticker m_ticker{*this};
     std::shared_ptr<WatchDog> m_watchDog;
     bool m_idleTerminationDisabled = false;
     bool m_spinTerminationDisabled = false;

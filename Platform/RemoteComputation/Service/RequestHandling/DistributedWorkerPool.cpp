@@ -77,11 +77,7 @@ DistributedWorkerPool::DistributedWorkerPool(
 }
 
 DistributedWorkerPool::~DistributedWorkerPool() {
-    {
-        boost::unique_lock<boost::mutex> lock(s_existingPoolsMutex);
-        s_existingPools.erase(id);
-        s_callEnded.wait(lock, [this] { return callsInProgress == 0; });
-    }
+    endProtocolCalls();
     {
         boost::lock_guard<boost::mutex> lock(s_runningWorkerRequestIdsMutex);
         for (auto it = s_runningWorkerRequestIds.begin(); it != s_runningWorkerRequestIds.end();)
@@ -107,6 +103,12 @@ DistributedWorkerPool::~DistributedWorkerPool() {
     if (!stopping)
         stopWorkers();
     KS_INFO("Deleted DistributedWorkerPool " << id);
+}
+
+void DistributedWorkerPool::endProtocolCalls() {
+    boost::unique_lock<boost::mutex> lock(s_existingPoolsMutex);
+    s_existingPools.erase(id);
+    s_callEnded.wait(lock, [this] { return callsInProgress == 0; });
 }
 
 DistributedWorkerPool* DistributedWorkerPool::getExistingPool(const std::string& id) {

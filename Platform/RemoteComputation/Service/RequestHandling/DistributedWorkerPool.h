@@ -38,7 +38,8 @@ class RequestEncoder;
 //
 // Use: derive, construct, setJobLog, startWorkers, addTask for each task, waitForAllTasks,
 // stopWorkers, destroy. A derived class whose destructor may run with workers still up calls
-// stopWorkers() there: the base's destructor can no longer reach the derived part.
+// stopWorkers() and then endProtocolCalls() there: the base's destructor can no longer reach the
+// derived part, and the calls under way may still be inside it.
 class DistributedWorkerPool {
 public:
     class CheckJobSchedulerWorkersThread;
@@ -115,6 +116,11 @@ protected:
                           const std::string& workerName, unsigned int coresPerWorker,
                           bool releaseCoresAfterEachTask, bool separateProcesses,
                           unsigned int inputWaitMs);
+
+    // Takes the pool out of reach of the worker protocol and waits until the calls under way in
+    // it have returned. For the destructor of a derived class, before its own part goes; never
+    // from inside such a call.
+    void endProtocolCalls();
 
     // The running task of the result, taken out of the running ones; null when it was not
     // running (its worker was given up, or the id is unknown).

@@ -82,9 +82,13 @@ void LivingProcess::shutdown() {
         instance = s_instance;
     }
     if (instance) {
-        boost::lock_guard<boost::mutex> lock(instance->m_mutex);
-        instance->m_shutdownRequested = true;
-        instance->m_condition.notify_all();
+        {
+            boost::lock_guard<boost::mutex> lock(instance->m_mutex);
+            instance->m_shutdownRequested = true;
+            instance->m_condition.notify_all();
+        }
+        // The heartbeat thread ends at once; joined so that no thread outlives the shutdown.
+        instance->finalize();
     }
 }
 

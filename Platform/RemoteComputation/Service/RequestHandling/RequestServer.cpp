@@ -74,11 +74,9 @@ RequestServer::RequestServer(int shutdownTimeout, unsigned int port, unsigned in
     m_requestHandler = RequestHandler::getDefaultRequestHandler();
     m_requestHandler->addRequestHandler(std::make_shared<ServerRequestHandler>(this),
                                         ServerRequestSchema());
-    if (config->getAutoShutdown()) {
+    if (config->getAutoShutdown())
         m_serverTimeoutThread =
             new ServerTimeoutThread(this, shutdownTimeout >= 1 ? shutdownTimeout : 0);
-        m_serverTimeoutThread->start(true);
-    }
     m_port = static_cast<uint16_t>(m_listenSocket.getListenPort());
     m_workerPool = new Tasks::WorkerPool(config->getMaxRequestHandlerPoolSize(),
                                          static_cast<Thread::Priority>(2));
@@ -87,6 +85,9 @@ RequestServer::RequestServer(int shutdownTimeout, unsigned int port, unsigned in
     m_connectionWatch = std::make_unique<ConnectionWatch>(m_listenSocket.getHandle(),
                                                           config->getConnectionIdleTimeout(),
                                                           config->getMaxConnections());
+    // Started last: the watchdog reads the pool and may stop the server, so both must exist.
+    if (m_serverTimeoutThread)
+        m_serverTimeoutThread->start(true);
     KS_DEBUG("Created new RequestServer " << this << " on " << m_hostName << ":" << m_port);
 }
 
@@ -181,6 +182,8 @@ void RequestServer::waitForShutdown() {
         boost::unique_lock<boost::mutex> lock(m_shutdownMutex);
         m_shutdownCondition.wait(lock, [this] { return m_stopped; });
     }
+    // The accept thread has only its return left; joining it leaves no thread behind at exit.
+    finalize();
     KS_DEBUG("Wait for shutdown of RequestServer " << describe() << " finished.");
 }
 

@@ -57,6 +57,7 @@ void Thread::run() {
 }
 
 void Thread::finalize() {
+    boost::thread ended;
     {
         boost::unique_lock<boost::mutex> lock(m_stateMutex);
         if (!m_started)
@@ -64,9 +65,11 @@ void Thread::finalize() {
         if (m_thread.get_id() == boost::this_thread::get_id())
             return; // a thread cannot wait for itself
         m_finishedCondition.wait(lock, [this] { return m_finished; });
+        // Taken out under the lock: several owners may finalize at once, and only one may join.
+        ended = std::move(m_thread);
     }
-    if (m_thread.joinable())
-        m_thread.join();
+    if (ended.joinable())
+        ended.join();
 }
 
 bool Thread::isRunning() const {

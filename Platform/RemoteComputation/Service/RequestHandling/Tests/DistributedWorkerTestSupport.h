@@ -246,8 +246,12 @@ public:
                                 options.inputWaitMs),
           options(options) {}
 
-    // While the derived part is still there: stopping may wake threads that call into it.
-    ~TestPool() override { stopWorkers(); }
+    // While the derived part is still there: stopping may wake threads that call into it, and
+    // a protocol call under way may still be inside it.
+    ~TestPool() override {
+        stopWorkers();
+        endProtocolCalls();
+    }
 
     using DistributedWorkerPool::slotWorkerNotResponding;
     using DistributedWorkerPool::taskEnded;

@@ -122,6 +122,7 @@ TEST(RequestServerTest, ZeroTimeoutTakesConfiguredShutdownTimeout) {
     ASSERT_NE(server, nullptr);
     EXPECT_EQ(server->getServerTimeoutThread()->getTimeout(), 1u);
     ASSERT_TRUE(waitUntilStopped(server, 5000ms));
+    server->waitForShutdown();
     EXPECT_TRUE(capture.contains(LogLevel::Debug, "RequestServer idle (1/1)."));
 }
 
@@ -134,6 +135,7 @@ TEST(RequestServerTest, AcceptedConnectionResetsIdleCount) {
     ASSERT_TRUE(RequestServer::ping("127.0.0.1", server->getPort()));
     ASSERT_TRUE(capture.waitFor("RequestServer busy.", 3000ms));
     ASSERT_TRUE(waitUntilStopped(server, 8000ms));
+    server->waitForShutdown();
     EXPECT_EQ(capture.count("RequestServer idle (1/3)."), 2u);
     EXPECT_EQ(capture.count("RequestServer idle (3/3)."), 1u);
 }
