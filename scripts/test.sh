@@ -7,6 +7,9 @@
 # machine (as root, with shared/tools/slurm beside the repository, or KS_SLURM_TOOLS), and stops
 # it at the end if it was not running before. A cluster that cannot start fails the run.
 # KS_SLURM=0 leaves those tests out, and says so. KS_SKIP_SANITIZER=1 skips the second stage.
+# A third stage runs the tests of the library and the service interfaces, with the processes they
+# start, in a ThreadSanitizer build (scripts/tsan-tests.sh); any report fails it. KS_SKIP_TSAN=1
+# skips it.
 # A last stage runs every fuzz target briefly (scripts/fuzz-smoke.sh); KS_SKIP_FUZZ=1 skips it,
 # and so does a machine without clang.
 # Exits non-zero on any failure.
@@ -58,6 +61,14 @@ if [ "${KS_SKIP_SANITIZER:-0}" != "1" ]; then
     echo "Sanitizer run (AddressSanitizer, LeakSanitizer, UBSan): message model, round trips and starters"
     (cd "$asan" && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j "$jobs" -E Installed -LE slurm \
         -R "XLink|KSData|Attachment|HierarchicalDataFile|Transcod|Package|Reply|Request(Encoder|Handler|Test)|XmlRequest|LocalRequestClient|HostAndUserId|UnsharedTmpDir|LogMessageXml|Schema|XTagger|XmlUtils|MessageValidation|RoundTrip|Inbound|HandleRequestTask|ServerRequestHandler|Callback|TcpRequestClient|QueuedJob|Starter|JobSchedulerCommands|RemoteService(Key|Protocol)")
+fi
+
+# Third stage: data races, lock order and thread lifetime, under ThreadSanitizer.
+if [ "${KS_SKIP_TSAN:-0}" = "1" ]; then
+    echo "ThreadSanitizer stage skipped (KS_SKIP_TSAN=1)"
+else
+    echo "ThreadSanitizer run: server, clients, replies, heartbeats, file transfer, worker pools"
+    "$root/scripts/tsan-tests.sh"
 fi
 
 # Last stage: a short run of every fuzz target (scripts/fuzz-smoke.sh). KS_SKIP_FUZZ=1 skips it.
