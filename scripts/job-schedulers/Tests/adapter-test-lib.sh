@@ -53,6 +53,20 @@ wait_for_status() {
     done
 }
 
+# Polls until job $1 has status $2 and its status output shows $3, for at most $4 seconds: right
+# after its program has ended a job may still be in a passing state of the scheduler's own
+# (Slurm's COMPLETING) before the final one.
+wait_for_status_showing() {
+    local job=$1 want=$2 shown=$3 deadline=$((SECONDS + $4))
+    while :; do
+        status_of "$job"
+        [[ $word != "$want" || $out != *"$shown"* ]] || return 0
+        ((SECONDS < deadline)) ||
+            fail "job $job: status $word after $4 s, expected $want showing the scheduler's $shown" "$out"
+        sleep 0.2
+    done
+}
+
 # Polls until file $1 exists, for at most $2 seconds.
 wait_for_file() {
     local deadline=$((SECONDS + $2))
