@@ -5,8 +5,7 @@
 # caused it is left in the work directory, whose path is printed.
 #
 # KS_FUZZ_SECONDS sets the time per target (default 20), KS_FUZZ_JOBS the build jobs
-# (default 2), KS_FUZZ_TARGETS a space-separated subset of the targets, KS_FUZZ_HDFS=1 fuzzes
-# fuzz_hdfs too (see below).
+# (default 2), KS_FUZZ_TARGETS a space-separated subset of the targets.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build="$root/build-fuzz"
@@ -40,16 +39,7 @@ for target in "${targets[@]}"; do
     fi
     log="$work/$target/log"
     run=(-max_total_time="$seconds")
-    # Mutated HDF5 blocks crash inside the system's HDF5 1.10 within seconds (a local heap of a
-    # claimed size: fuzz/open-findings/fuzz_hdfs), which no check of ours can prevent. Until
-    # that is dealt with, only the seeds and the fixed regressions are run; KS_FUZZ_HDFS=1 fuzzes.
-    if [ "$target" = fuzz_hdfs ] && [ "${KS_FUZZ_HDFS:-0}" != "1" ]; then
-        echo "fuzz-smoke: fuzz_hdfs replays its corpus and regressions only (crashes inside" \
-             "HDF5 itself, see fuzz/open-findings/fuzz_hdfs; KS_FUZZ_HDFS=1 fuzzes it)"
-        run=(-runs=0)
-    else
-        echo "fuzz-smoke: $target for ${seconds}s"
-    fi
+    echo "fuzz-smoke: $target for ${seconds}s"
     # A single input that takes more than 10 s counts as a hang; 2 GB as a memory blow-up.
     if (cd "$work/$target" && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
         LSAN_OPTIONS="suppressions=$root/fuzz/lsan.supp:print_suppressions=0" \

@@ -1,10 +1,14 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/HierarchicalDataFile.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/IsolatedCheck.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
 
 #include <hdf5.h>
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +22,8 @@
 namespace Kestrane {
 
 namespace {
+
+Logging s_logging(__FILE__);
 
 // One lock for every HDF5 call, so that the library's state (and the high-level library's, should
 // it come into use) never sees two threads.
@@ -346,6 +352,101 @@ int readDataset(int handle, const char* group, const char* name, void* target, E
     return H5Dread(dataset.get(), type, H5S_ALL, H5S_ALL, H5P_DEFAULT, target) < 0 ? 0 : 1;
 }
 
+// What the reads of this library do with a file, done once on every dataset, so that a
+// corrupted file from a peer shows itself in a child process (see openMemoryFile). The system's
+// HDF5 crashes on some corrupted files instead of failing: a local heap of a claimed size,
+// compact data shorter than its dataspace.
+constexpr hssize_t c_probeWholeElements = 1 << 21;
+constexpr hsize_t c_probeWindowElements = 1 << 17;
+const Element c_elements[] = {Element::Double, Element::Float, Element::Int, Element::Byte};
+
+bool probeRead(hid_t dataset, hid_t fileSpace, hsize_t start, hsize_t count, Element element,
+               std::vector<double>& buffer) {
+    Id memorySpace(H5Screate_simple(1, &count, nullptr), H5Sclose);
+    buffer.resize(static_cast<std::size_t>(count));
+    return memorySpace.valid() &&
+           H5Sselect_hyperslab(fileSpace, H5S_SELECT_SET, &start, nullptr, &count, nullptr) >= 0 &&
+           H5Dread(dataset, nativeType(element), memorySpace.get(), fileSpace, H5P_DEFAULT,
+                   buffer.data()) >= 0;
+}
+
+bool probeDataset(hid_t file, hid_t dataset) {
+    Id dcpl(H5Dget_create_plist(dataset), H5Pclose);
+    Id space(H5Dget_space(dataset), H5Sclose);
+    if (!dcpl.valid() || !space.valid() || !plausibleChunks(file, dataset))
+        return false;
+    // Never written by this library, and read past its end by the system's HDF5 when its
+    // dataspace claims more than it holds.
+    H5D_layout_t layout = H5Pget_layout(dcpl.get());
+    if (layout == H5D_COMPACT || layout < 0)
+        return false;
+    hssize_t points = H5Sget_simple_extent_npoints(space.get());
+    if (points < 0)
+        return false;
+    std::vector<double> buffer;
+    if (points <= c_probeWholeElements) {
+        // Small: exactly the reads a caller makes.
+        buffer.resize(static_cast<std::size_t>(std::max<hssize_t>(points, 1)));
+        for (Element element : c_elements)
+            if (H5Dread(dataset, nativeType(element), H5S_ALL, H5S_ALL, H5P_DEFAULT,
+                        buffer.data()) < 0)
+                return false;
+        return true;
+    }
+    // Large: a window at a time, so that the child's memory stays small. Every chunk is read
+    // (each has its own index entry and filter run); contiguous data is one range, whose ends
+    // are what can lie outside the file.
+    hsize_t dims[1] = {0};
+    if (H5Sget_simple_extent_ndims(space.get()) != 1 ||
+        H5Sget_simple_extent_dims(space.get(), dims, nullptr) != 1)
+        return false;
+    hsize_t window = c_probeWindowElements;
+    if (layout == H5D_CHUNKED && H5Pget_chunk(dcpl.get(), 1, &window) != 1)
+        return false;
+    window = std::max<hsize_t>(1, std::min(window, c_probeWindowElements));
+    for (hsize_t start = 0; start < dims[0];) {
+        hsize_t count = std::min(window, dims[0] - start);
+        for (Element element : c_elements)
+            if ((element == Element::Double || start == 0 || start + count == dims[0]) &&
+                !probeRead(dataset, space.get(), start, count, element, buffer))
+                return false;
+        if (layout == H5D_CHUNKED || start + count == dims[0])
+            start += count;
+        else
+            start = std::max(start + count, dims[0] - window);
+    }
+    return true;
+}
+
+struct Probe {
+    hid_t file;
+    bool sound;
+};
+
+herr_t probeObject(hid_t, const char* name, const H5O_info_t* info, void* data) {
+    Probe& probe = *static_cast<Probe*>(data);
+    if (info->type != H5O_TYPE_DATASET)
+        return 0;
+    Id dataset(H5Dopen2(probe.file, name, H5P_DEFAULT), H5Dclose);
+    probe.sound = dataset.valid() && probeDataset(probe.file, dataset.get());
+    return probe.sound ? 0 : 1;
+}
+
+// Opens the block and walks every group and dataset in it. Runs in the child.
+bool probeImage(const void* image, std::size_t length) {
+    Id file(openImage(image, length, true), H5Fclose);
+    if (!file.valid())
+        return false;
+    Probe probe = {file.get(), true};
+    return H5Ovisit2(file.get(), H5_INDEX_NAME, H5_ITER_NATIVE, probeObject, &probe,
+                     H5O_INFO_BASIC) >= 0 &&
+           probe.sound;
+}
+
+// Time for the child: generous, since deflated data may expand a thousandfold.
+std::chrono::milliseconds probeLimit(uint64_t length) {
+    return std::chrono::milliseconds(60000 + length / (8u << 10));
+}
 } // namespace
 
 int KSHLcreateMemoryFile(uint64_t sizeHint) {
@@ -388,7 +489,7 @@ int KSHLloadMemoryFileFromDiskFile(const char* path, std::size_t maxPathLength) 
 }
 
 namespace {
-int openMemoryFile(const void* block, uint64_t available, int& handle) {
+int openMemoryFile(const void* block, uint64_t available, bool fromPeer, int& handle) {
     if (!block)
         return 0;
     uint64_t length = imageLength(static_cast<const unsigned char*>(block), available);
@@ -397,6 +498,21 @@ int openMemoryFile(const void* block, uint64_t available, int& handle) {
     if (length == 0 || length > available)
         return 0;
     Lock lock;
+    if (fromPeer) {
+        // The lock is held, so the child finds HDF5 between two calls.
+        auto outcome =
+            IsolatedCheck::run([&] { return probeImage(block, static_cast<std::size_t>(length)); },
+                               probeLimit(length));
+        if (outcome == IsolatedCheck::Outcome::NotRun) {
+            KS_WARN("Could not check a received HDF5 block in a child process ("
+                    << std::strerror(errno) << "); it is read without that check");
+        } else if (outcome != IsolatedCheck::Outcome::Passed) {
+            KS_ERROR("Refusing a received HDF5 block of " << available << " bytes: reading it "
+                                                          << IsolatedCheck::describe(outcome)
+                                                          << " in a child process");
+            return 0;
+        }
+    }
     // Read-only and in place: the block is large and the caller keeps it until the close.
     hid_t file = openImage(block, static_cast<std::size_t>(length), true);
     if (file < 0)
@@ -407,11 +523,11 @@ int openMemoryFile(const void* block, uint64_t available, int& handle) {
 } // namespace
 
 int KSHLopenMemoryFile(const void* block, int& handle) {
-    return openMemoryFile(block, UINT64_MAX, handle);
+    return openMemoryFile(block, UINT64_MAX, false, handle);
 }
 
 int KSHLopenMemoryFile(const void* block, uint64_t blockSize, int& handle) {
-    return openMemoryFile(block, blockSize, handle);
+    return openMemoryFile(block, blockSize, true, handle);
 }
 
 int KSHLgetMemoryFile(int handle, uint64_t& size, const unsigned char*& block) {

@@ -1,4 +1,5 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/HierarchicalDataFile.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
 
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Tests/PlainHdf5.h"
 
@@ -298,16 +299,24 @@ TEST(HierarchicalDataFileTest, EndOfFileAddressBeyondTheBlockIsRefused) {
     }
 }
 
+std::vector<unsigned char> regressionBlock(const std::string& name) {
+    std::ifstream in(KS_SOURCE_DIR "/fuzz/regressions/fuzz_hdfs/" + name, std::ios::binary);
+    EXPECT_TRUE(in) << name;
+    return std::vector<unsigned char>((std::istreambuf_iterator<char>(in)),
+                                      std::istreambuf_iterator<char>());
+}
+
 // A block found by the fuzz target fuzz_hdfs: the chunk layout of root/d1 does not match its
 // one-element dataspace, and reading it made HDF5 allocate gigabytes of chunk state.
 TEST(HierarchicalDataFileTest, DatasetWhoseChunksCannotLieInTheFileIsRefused) {
-    std::ifstream in(KS_SOURCE_DIR "/fuzz/regressions/fuzz_hdfs/chunk-rank-mismatch.h5",
-                     std::ios::binary);
-    ASSERT_TRUE(in);
-    std::vector<unsigned char> block((std::istreambuf_iterator<char>(in)),
-                                     std::istreambuf_iterator<char>());
-    int handle = 0;
-    ASSERT_EQ(KSHLopenMemoryFile(block.data(), block.size(), handle), 1);
+    std::vector<unsigned char> block = regressionBlock("chunk-rank-mismatch.h5");
+    ASSERT_FALSE(block.empty());
+    // From a peer, the whole block is refused at the open.
+    int handle = -7;
+    EXPECT_EQ(KSHLopenMemoryFile(block.data(), block.size(), handle), 0);
+    EXPECT_EQ(handle, -7);
+    // Trusted as made here, the file opens and only the bad dataset refuses to be read.
+    ASSERT_EQ(KSHLopenMemoryFile(block.data(), handle), 1);
     uint64_t count = 0;
     ASSERT_EQ(KSHLgetSizeOfDataset(handle, "root", "d1", count), 1);
     ASSERT_EQ(count, 1u);
@@ -318,6 +327,65 @@ TEST(HierarchicalDataFileTest, DatasetWhoseChunksCannotLieInTheFileIsRefused) {
     std::vector<unsigned char> bytes(count);
     EXPECT_EQ(KSHLreadCharDataset(handle, "root", "c", bytes.data()), 1);
     EXPECT_EQ(std::string(bytes.begin(), bytes.end() - 1), "bytes of a buffer");
+    EXPECT_EQ(KSHLcloseFile(handle), 1);
+}
+
+// Why received blocks are read in a child first: read in this process, this one kills it.
+TEST(HierarchicalDataFileDeathTest, TheSystemReaderCrashesOnAHeapThatCannotBeAllocated) {
+    std::vector<unsigned char> block = regressionBlock("local-heap-null-copy.h5");
+    ASSERT_FALSE(block.empty());
+    EXPECT_DEATH(
+        {
+            int handle = 0;
+            uint64_t count = 0;
+            if (KSHLopenMemoryFile(block.data(), handle) == 1)
+                KSHLgetSizeOfDataset(handle, "root", "d1", count);
+            std::fprintf(stderr, "read without a crash\n");
+            std::exit(0);
+        },
+        "");
+}
+
+// Blocks found by fuzz_hdfs on which the system's HDF5 itself crashes: a root group whose local
+// heap claims exabytes (allocation fails, then a copy to null), and compact data that is shorter
+// than its dataspace (a read behind HDF5's own buffer). Opened as a peer's block, each is read
+// in a child process first, refused with an error line, and this process carries on.
+TEST(HierarchicalDataFileTest, BlocksThatCrashTheReaderAreRefusedWithoutHarm) {
+    LogCapture capture;
+    std::vector<std::size_t> sizes;
+    for (const char* name :
+         {"huge-local-heap.h5", "local-heap-null-copy.h5", "dataset-read-overflow.h5"}) {
+        std::vector<unsigned char> block = regressionBlock(name);
+        ASSERT_FALSE(block.empty());
+        int handle = -7;
+        EXPECT_EQ(KSHLopenMemoryFile(block.data(), block.size(), handle), 0) << name;
+        EXPECT_EQ(handle, -7) << name;
+        sizes.push_back(block.size());
+    }
+    std::vector<std::string> errors = capture.messages(LogLevel::Error);
+    ASSERT_EQ(errors.size(), sizes.size());
+    for (std::size_t i = 0; i < sizes.size(); ++i) {
+        // Whether the child crashes or HDF5 fails cleanly depends on the allocator (a sanitizer
+        // aborts on an exabyte request, malloc returns null).
+        std::string prefix =
+            "Refusing a received HDF5 block of " + std::to_string(sizes[i]) + " bytes: reading it ";
+        EXPECT_TRUE(errors[i] == prefix + "crashed in a child process" ||
+                    errors[i] == prefix + "failed in a child process")
+            << errors[i];
+    }
+    // The compact dataset is refused by the probe's layout check, before HDF5 reads it.
+    EXPECT_EQ(errors[2], "Refusing a received HDF5 block of " + std::to_string(sizes[2]) +
+                             " bytes: reading it failed in a child process");
+    // A sound block from a peer still opens after them.
+    int handle = KSHLcreateMemoryFile(0);
+    const double values[] = {1.5, -2.5, 3.25};
+    ASSERT_EQ(KSHLcreateDoubleDataset(handle, "root", "d", 0, 3, values), 1);
+    std::vector<unsigned char> image = imageOf(handle);
+    ASSERT_EQ(KSHLcloseFile(handle), 1);
+    ASSERT_EQ(KSHLopenMemoryFile(image.data(), image.size(), handle), 1);
+    double back[3] = {0, 0, 0};
+    EXPECT_EQ(KSHLreadDoubleDataset(handle, "root", "d", back), 1);
+    EXPECT_EQ(back[2], 3.25);
     EXPECT_EQ(KSHLcloseFile(handle), 1);
 }
 
