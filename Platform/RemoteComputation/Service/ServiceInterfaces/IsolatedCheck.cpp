@@ -9,10 +9,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 
 // Set only in sanitizer builds. Fuzzers register a death callback that writes the current input
-// out as a finding; a child that dies on purpose-built bad input must not do that.
+// out as a finding, and a report path makes reports files that fail a test run; a child that
+// dies on bad input, as it is there to do, must do neither.
 extern "C" void __sanitizer_set_death_callback(void (*callback)(void)) __attribute__((weak));
+extern "C" void __sanitizer_set_report_fd(void* fd) __attribute__((weak));
 
 namespace Kestrane {
 
@@ -34,6 +37,8 @@ void quietenChild() {
         dup2(devNull, STDERR_FILENO);
         close(devNull);
     }
+    if (__sanitizer_set_report_fd)
+        __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<intptr_t>(STDERR_FILENO)));
     if (__sanitizer_set_death_callback)
         __sanitizer_set_death_callback(nullptr);
 }
