@@ -1,6 +1,7 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/HierarchicalDataFile.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/IsolatedCheck.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/MemoryAdvice.h"
 
 #include <hdf5.h>
 
@@ -199,6 +200,7 @@ void* ownMalloc(size_t size, H5FD_file_image_op_t, void* udata) {
     auto* own = static_cast<OwnImage*>(udata);
     own->buffer = std::malloc(size);
     own->size = own->buffer ? size : 0;
+    adviseHugePages(own->buffer, own->size);
     return own->buffer;
 }
 
@@ -212,6 +214,7 @@ void* ownRealloc(void* buffer, size_t size, H5FD_file_image_op_t, void* udata) {
     if (moved) {
         own->buffer = moved;
         own->size = size;
+        adviseHugePages(moved, size);
     }
     return moved;
 }

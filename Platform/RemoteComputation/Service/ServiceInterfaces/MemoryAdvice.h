@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstddef>
+
+namespace Kestrane {
+
+// Large blocks of this library (blocks read from connections, arrays and files made from them)
+// are written from end to end right after they are allocated. On 4 KiB pages that costs a page
+// fault per page, more than the copy itself; on transparent huge pages it costs one per 2 MiB.
+//
+// Advises the kernel to back the pages of [block, block + size) with huge pages when the block
+// is large enough for it to pay. Call it before the block is written: pages already touched stay
+// as they are. Only advice: without huge page support nothing changes, and nothing fails.
+void adviseHugePages(void* block, std::size_t size);
+
+} // namespace Kestrane

@@ -1,0 +1,73 @@
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/MemoryAdvice.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+using namespace Kestrane;
+
+namespace {
+
+// The VmFlags line of the mapping that holds `address`, from /proc/self/smaps; "hg" marks
+// huge page advice.
+std::string flagsOfMappingAt(const void* address) {
+    const auto at = reinterpret_cast<uintptr_t>(address);
+    std::ifstream smaps("/proc/self/smaps");
+    std::string line;
+    bool inside = false;
+    while (std::getline(smaps, line)) {
+        uintptr_t from = 0, to = 0;
+        char dash = 0;
+        std::istringstream range(line);
+        if (line.find("VmFlags:") == 0) {
+            if (inside)
+                return line;
+        } else if (range >> std::hex >> from >> dash >> to && dash == '-' &&
+                   line.find(' ') != std::string::npos && from < to) {
+            inside = from <= at && at < to;
+        }
+    }
+    return "";
+}
+
+bool advised(const void* address) {
+    std::istringstream flags(flagsOfMappingAt(address));
+    std::string flag;
+    while (flags >> flag)
+        if (flag == "hg")
+            return true;
+    return false;
+}
+
+} // namespace
+
+TEST(MemoryAdviceTest, ALargeBlockIsAdvisedBeforeItIsWritten) {
+    constexpr std::size_t size = 64u << 20;
+    // A block this large gets a mapping of its own from malloc.
+    auto* block = static_cast<unsigned char*>(std::malloc(size));
+    ASSERT_NE(block, nullptr);
+    ASSERT_FALSE(flagsOfMappingAt(block + size / 2).empty());
+    EXPECT_FALSE(advised(block + size / 2));
+    adviseHugePages(block, size);
+    EXPECT_TRUE(advised(block + size / 2));
+    // Still an ordinary block: written, read and freed like any other.
+    std::memset(block, 7, size);
+    EXPECT_EQ(block[size - 1], 7);
+    std::free(block);
+}
+
+TEST(MemoryAdviceTest, SmallBlocksAndNothingAreLeftAlone) {
+    constexpr std::size_t size = 1u << 20;
+    auto* block = static_cast<unsigned char*>(std::malloc(size));
+    ASSERT_NE(block, nullptr);
+    const bool before = advised(block);
+    adviseHugePages(block, size);
+    EXPECT_EQ(advised(block), before);
+    adviseHugePages(nullptr, 64u << 20);
+    std::free(block);
+}
