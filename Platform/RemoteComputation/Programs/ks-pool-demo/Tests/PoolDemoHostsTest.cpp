@@ -21,6 +21,7 @@ using Kestrane::Testing::RemoteServiceProcess;
 namespace {
 
 const unsigned long long c_primesBelow2e6 = 148933ULL;
+const unsigned long long c_primesBelow1e8 = 5761455ULL;
 const std::regex c_workerLog("ks-pool-demo-.*\\.log");
 const std::string c_binDirectory = KS_BINARY_DIR "/bin";
 
@@ -184,10 +185,12 @@ TEST_F(PoolDemoHostsTest, SecondHostRunsItsWorkerUnderItsOwnName) {
     auto demo = runDemo({"--hosts",
                          "127.0.0.1:" + std::to_string(first.port()) +
                              ":1,127.0.0.2:" + std::to_string(second.port()) + ":1",
-                         "--separate-processes", "--below", "2000000", "--tasks", "40"});
+                         // Enough work that the first worker cannot finish it all before the
+                         // second has started.
+                         "--separate-processes", "--below", "100000000", "--tasks", "40"});
     auto result = demo->result();
     ASSERT_TRUE(result) << demo->describe();
-    EXPECT_EQ(result->primes, c_primesBelow2e6);
+    EXPECT_EQ(result->primes, c_primesBelow1e8);
     EXPECT_EQ(result->tasks, 40u);
     EXPECT_EQ(result->failed, 0u);
     EXPECT_EQ(result->workers, 2u);
