@@ -14,8 +14,10 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/LoggingSettings.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <pthread.h>
 #include <thread>
@@ -124,19 +126,41 @@ int main(int argc, char** argv) {
     std::printf("PUBLISHER %d\n", Publisher::getInstance()->getPort());
     std::fflush(stdout);
     LivingProcess::alive("RequestServer running", "");
-    if (!options.callback.empty() && !CallbackRequest::sendCallbackRequest(options.callback, "")) {
-        KS_ERROR("Callback to " << options.callback << " failed; stopping.");
-        std::cerr << "ks-request-server: callback to " << options.callback << " failed\n";
-        server->stop();
-        server->waitForShutdown();
-        LivingProcess::shutdown();
-        Logging::flush();
-        return 1;
+    // The callback's acknowledgement comes back through this process's own server. A starter
+    // that stops the server before then (it has the port as soon as the callback arrives) would
+    // leave a callback in the main thread waiting for ever, so it runs beside the wait.
+    std::atomic<bool> callbackEnded{false};
+    std::atomic<bool> callbackFailed{false};
+    std::thread callback;
+    if (!options.callback.empty()) {
+        callback = std::thread([&] {
+            const bool sent = CallbackRequest::sendCallbackRequest(options.callback, "");
+            // Both flags before the stop, which the main thread may act on at once.
+            callbackFailed = !sent;
+            callbackEnded = true;
+            if (!sent) {
+                KS_ERROR("Callback to " << options.callback << " failed; stopping.");
+                std::cerr << "ks-request-server: callback to " << options.callback << " failed\n";
+                server->stop();
+            }
+        });
     }
-
     std::thread(watchSignals, signals, server).detach();
     server->waitForShutdown();
     LivingProcess::shutdown();
+    if (callback.joinable() && !callbackEnded) {
+        // Nothing can answer the callback any more; its thread holds the process's statics.
+        KS_WARN("Stopped before the callback to " << options.callback << " was acknowledged.");
+        Logging::flush();
+        std::fflush(stdout);
+        std::_Exit(0);
+    }
+    if (callback.joinable())
+        callback.join();
+    if (callbackFailed) {
+        Logging::flush();
+        return 1;
+    }
     KS_INFO("ks-request-server stopped.");
     Logging::flush();
     return 0;

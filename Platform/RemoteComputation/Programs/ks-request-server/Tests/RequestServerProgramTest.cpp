@@ -1,7 +1,9 @@
 #include "Platform/RemoteComputation/TestSupport/ServerProcess.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/CallbackRequestHandler.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/HostAndUserId.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/RequestServer.h"
+#include "Platform/RemoteComputation/Service/RequestHandling/Tests/ServerTestPeers.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Socket.h"
 
@@ -203,6 +205,33 @@ TEST(RequestServerProgramTest, CallbackToNobodyEndsWithExitCodeOne) {
         << errors;
     EXPECT_NE(errors.find("Callback to " + callback + " failed; stopping."), std::string::npos)
         << errors;
+}
+
+// A starter may stop the server as soon as the callback has told it the port, before its
+// acknowledgement has come back through the server it stops. Here the starter takes the callback
+// and never acknowledges it: the server still ends when it is told to.
+TEST(RequestServerProgramTest, StoppedBeforeTheCallbackIsAcknowledgedItStillEnds) {
+    KestraneTest::ReplyCatcher starter;
+    const std::string callback = "localhost:" + std::to_string(starter.port()) + ":7";
+    ServerProcess server({"-c", callback});
+    ASSERT_TRUE(server.start());
+    auto connection = starter.accept(10000ms);
+    ASSERT_NE(connection, nullptr);
+    KestraneTest::Conversation conversation =
+        KestraneTest::ReplyCatcher::read(*connection, HostAndUserId().toString());
+    ASSERT_TRUE(conversation.closed);
+    bool callbackSeen = false;
+    for (const KestraneTest::Received& packet : conversation.packets)
+        callbackSeen |=
+            packet.type == "RQ" && packet.data.find("CallbackRequest") != std::string::npos;
+    ASSERT_TRUE(callbackSeen) << ::testing::PrintToString(conversation.texts());
+    connection.reset();
+    server.process().kill(SIGTERM);
+    EXPECT_EQ(server.waitForExit(10000ms), 0);
+    EXPECT_NE(server.standardError().find("Stopped before the callback to " + callback +
+                                          " was acknowledged."),
+              std::string::npos)
+        << server.standardError();
 }
 
 TEST(RequestServerProgramTest, MalformedCallbackEndsWithExitCodeOne) {
