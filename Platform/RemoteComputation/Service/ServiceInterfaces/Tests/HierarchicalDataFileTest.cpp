@@ -387,6 +387,26 @@ TEST(HierarchicalDataFileTest, BlocksThatCrashTheReaderAreRefusedWithoutHarm) {
     EXPECT_EQ(KSHLcloseFile(handle), 1);
 }
 
+// Datasets too large to read whole in the checking child are read there window by window:
+// contiguous data at both ends, compressed data chunk by chunk. A sound block passes either way.
+TEST(HierarchicalDataFileTest, LargeDatasetsFromAPeerPassTheCheck) {
+    constexpr uint64_t count = 3u << 20;
+    std::vector<double> values(count);
+    for (uint64_t i = 0; i < count; ++i)
+        values[i] = static_cast<double>(i % 1000) * 0.5;
+    for (int level : {0, 4}) {
+        int handle = KSHLcreateMemoryFile(count * sizeof(double));
+        ASSERT_EQ(KSHLcreateDoubleDataset(handle, "root", "big", level, count, values.data()), 1);
+        std::vector<unsigned char> image = imageOf(handle);
+        ASSERT_EQ(KSHLcloseFile(handle), 1);
+        ASSERT_EQ(KSHLopenMemoryFile(image.data(), image.size(), handle), 1) << level;
+        std::vector<double> back(count);
+        EXPECT_EQ(KSHLreadDoubleDataset(handle, "root", "big", back.data()), 1);
+        EXPECT_EQ(back, values) << level;
+        EXPECT_EQ(KSHLcloseFile(handle), 1);
+    }
+}
+
 TEST(HierarchicalDataFileTest, EightThreadsAtOnce) {
     constexpr int c_threads = 8;
     std::vector<int> failures(c_threads, 0);
