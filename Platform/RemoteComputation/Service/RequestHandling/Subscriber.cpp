@@ -95,44 +95,62 @@ void Subscriber::removePublisher(int id) {
     KS_INFO("Publisher " << id << " removed.");
 }
 
+bool Subscriber::start(bool startNow) {
+    if (!m_shared)
+        return Thread::start(startNow);
+    return startNow && joinShared();
+}
+
 void Subscriber::stop() {
-    boost::lock_guard<boost::mutex> lock(m_mutex);
-    m_stop = true;
-    m_condition.notify_all();
+    {
+        boost::lock_guard<boost::mutex> lock(m_mutex);
+        m_stop = true;
+        m_condition.notify_all();
+    }
+    if (m_shared && leaveShared())
+        KS_INFO("Subscriber stopped.");
 }
 
 void Subscriber::handleNoNewMessage(int) {}
 
 void Subscriber::executeRun() {
-    if (m_shared)
-        runSharedSockets();
-    else
-        runOwnSockets();
-    KS_INFO("Subscriber stopped.");
-}
-
-void Subscriber::runSharedSockets() {
-    {
-        boost::lock_guard<boost::mutex> lock(m_sockets->mutex);
-        for (const auto& entry : m_sockets->sharedAddresses)
-            SharedSubscriptions::instance().add(entry.second, m_topics, this, entry.first);
-        m_sockets->registered = true;
-    }
-    {
+    if (m_shared) {
+        // Reached only through Thread::start: the thread just holds the registration.
+        joinShared();
         boost::unique_lock<boost::mutex> lock(m_mutex);
         while (!m_stop)
             m_condition.wait(lock);
+        return;
     }
+    runOwnSockets();
+    KS_INFO("Subscriber stopped.");
+}
+
+bool Subscriber::joinShared() {
+    boost::lock_guard<boost::mutex> lock(m_sockets->mutex);
+    if (m_sockets->registered)
+        return false;
+    for (const auto& entry : m_sockets->sharedAddresses)
+        SharedSubscriptions::instance().add(entry.second, m_topics, this, entry.first);
+    m_sockets->registered = true;
+    return true;
+}
+
+bool Subscriber::leaveShared() {
     std::vector<int> ids;
     {
         boost::lock_guard<boost::mutex> lock(m_sockets->mutex);
+        if (!m_sockets->registered)
+            return false;
         m_sockets->registered = false;
         for (const auto& entry : m_sockets->sharedAddresses)
             ids.push_back(entry.first);
     }
-    // After this no handler runs: the owner may destroy the subscriber once finalize() returns.
+    // Outside the lock, since this waits for a call in progress. Once it returns no handler
+    // runs: the owner may destroy the subscriber.
     for (int id : ids)
         SharedSubscriptions::instance().remove(this, id);
+    return true;
 }
 
 void Subscriber::runOwnSockets() {

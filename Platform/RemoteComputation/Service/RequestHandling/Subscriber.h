@@ -15,8 +15,9 @@ namespace Kestrane {
 // Watches the publishers of other processes. With sockets of its own: one SUB socket per
 // publisher, all polled without blocking by the subscriber's thread, which waits 10 ms when nothing
 // came. With shared sockets: the process's one subscription per endpoint (SharedSubscriptions)
-// calls the handlers from its thread, while the subscriber's thread only waits for stop(); for
-// short-lived subscribers such as the watcher of one wait. Derived classes handle the messages.
+// calls the handlers from its thread, and the subscriber needs no thread at all: start()
+// registers it and stop() takes it out again. That suits short-lived subscribers such as the
+// watcher of one wait. Derived classes handle the messages.
 class Subscriber : public Thread {
 public:
     ~Subscriber() override;
@@ -24,7 +25,11 @@ public:
     void executeRun() final;
     void finalizeRun() override {}
 
-    // Ends the loop; the owner then calls finalize().
+    // Starts the thread with sockets of its own; with shared sockets registers, without a
+    // thread. False when already started.
+    bool start(bool startNow = true);
+    // Ends the loop; the owner then calls finalize(). With shared sockets no handler runs once
+    // it has returned (unless called from inside a handler, whose call then is the last).
     void stop();
 
     // Called on the subscriber's thread; the topic comes without its trailing "|".
@@ -47,7 +52,9 @@ protected:
 
 private:
     void runOwnSockets();
-    void runSharedSockets();
+    // Register with and leave the shared subscriptions; each true when it changed something.
+    bool joinShared();
+    bool leaveShared();
 
     struct OwnSockets;
     std::unique_ptr<OwnSockets> m_sockets;
