@@ -1,6 +1,5 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/BinarySocketPacket.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
-#include "Platform/RemoteComputation/Service/ServiceInterfaces/MemoryAdvice.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Socket.h"
 
 #include <algorithm>
@@ -52,7 +51,6 @@ std::shared_ptr<BinarySocketPacket> BinarySocketPacket::receive(unsigned long si
             throw std::bad_alloc();
         }
         data = grown;
-        adviseHugePages(data, done + chunk);
         if (!socket.receiveDataBlock(data + done, chunk)) {
             std::free(data);
             throw Computing::Error(

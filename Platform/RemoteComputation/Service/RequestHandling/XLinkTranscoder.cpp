@@ -5,7 +5,6 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/XLinkUtils.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/FileUtilities.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/HierarchicalDataFile.h"
-#include "Platform/RemoteComputation/Service/ServiceInterfaces/MemoryAdvice.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/UniqueID.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
 
@@ -32,7 +31,6 @@ void* allocate(std::size_t bytes) {
     void* block = std::malloc(bytes ? bytes : 1);
     if (!block)
         throw std::bad_alloc();
-    adviseHugePages(block, bytes);
     return block;
 }
 
