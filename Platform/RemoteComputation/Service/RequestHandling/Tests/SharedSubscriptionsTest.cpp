@@ -80,7 +80,7 @@ TEST_F(SharedSubscriptionsTest, ANewSubscriberOfAnOpenSocketMissesNothingSentAft
     for (int i = 0; i < 20; ++i) {
         RecordingSubscriber newcomer(ownPublisher(), {"joiner"}, Sockets::Shared);
         newcomer.start(true);
-        // start() returns before the thread registers; wait for its first silent pass.
+        // start() has registered it; its first silent pass shows that the poll has taken it up.
         auto deadline = std::chrono::steady_clock::now() + 2000ms;
         while (newcomer.silentPasses(0) == 0 && std::chrono::steady_clock::now() < deadline)
             std::this_thread::sleep_for(1ms);
