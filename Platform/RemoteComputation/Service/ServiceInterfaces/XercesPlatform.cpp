@@ -14,12 +14,34 @@ void XercesPlatform::ensureInitialized() {
     std::call_once(once, [] { xercesc::XMLPlatformUtils::Initialize(); });
 }
 
+namespace {
+
+// Names and most values in our messages are ASCII, where UTF-8 and UTF-16 have the same code
+// points: those are widened or narrowed in place instead of going through a transcoder made by
+// name for each string. Anything else goes to Xerces.
+bool isAscii(const char* text, size_t length) {
+    for (size_t i = 0; i < length; ++i)
+        if (static_cast<unsigned char>(text[i]) >= 0x80)
+            return false;
+    return true;
+}
+
+} // namespace
+
 XercesString::XercesString(const std::string& text) : XercesString(text.c_str()) {}
 
 XercesString::XercesString(const char* text) {
     XercesPlatform::ensureInitialized();
-    xercesc::TranscodeFromStr utf16(reinterpret_cast<const XMLByte*>(text), std::strlen(text),
-                                    "UTF-8");
+    const size_t length = std::strlen(text);
+    if (isAscii(text, length)) {
+        m_text = static_cast<XMLCh*>(
+            xercesc::XMLPlatformUtils::fgMemoryManager->allocate((length + 1) * sizeof(XMLCh)));
+        for (size_t i = 0; i < length; ++i)
+            m_text[i] = static_cast<XMLCh>(static_cast<unsigned char>(text[i]));
+        m_text[length] = 0;
+        return;
+    }
+    xercesc::TranscodeFromStr utf16(reinterpret_cast<const XMLByte*>(text), length, "UTF-8");
     m_text = xercesc::XMLString::replicate(utf16.str());
 }
 
@@ -30,9 +52,17 @@ XercesString::~XercesString() {
 std::string toUtf8(const XMLCh* text) {
     if (!text)
         return std::string();
-    XercesPlatform::ensureInitialized();
-    xercesc::TranscodeToStr utf8(text, "UTF-8");
-    return std::string(reinterpret_cast<const char*>(utf8.str()), utf8.length());
+    const XMLSize_t length = xercesc::XMLString::stringLen(text);
+    std::string narrow(length, '\0');
+    for (XMLSize_t i = 0; i < length; ++i) {
+        if (text[i] >= 0x80) {
+            XercesPlatform::ensureInitialized();
+            xercesc::TranscodeToStr utf8(text, length, "UTF-8");
+            return std::string(reinterpret_cast<const char*>(utf8.str()), utf8.length());
+        }
+        narrow[i] = static_cast<char>(text[i]);
+    }
+    return narrow;
 }
 
 } // namespace Kestrane
