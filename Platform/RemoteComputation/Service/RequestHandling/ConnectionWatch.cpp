@@ -96,7 +96,7 @@ void ConnectionWatch::waitOnce(const ReadyHandler& ready, std::chrono::milliseco
             uint64_t value = 0;
             [[maybe_unused]] ssize_t read = ::read(m_wakeUp, &value, sizeof(value));
         } else if (handle == m_listen) {
-            acceptAll();
+            acceptAll(ready);
         } else {
             auto found = m_waiting.find(handle);
             if (found == m_waiting.end())
@@ -113,7 +113,7 @@ void ConnectionWatch::waitOnce(const ReadyHandler& ready, std::chrono::milliseco
     closeIdle(Clock::now());
 }
 
-void ConnectionWatch::acceptAll() {
+void ConnectionWatch::acceptAll(const ReadyHandler& ready) {
     for (;;) {
         sockaddr_storage address{};
         socklen_t length = sizeof(address);
@@ -144,6 +144,13 @@ void ConnectionWatch::acceptAll() {
             continue;
         }
         auto socket = adopt(handle);
+        // A client speaks at once: when its first bytes (or its end) are here already, the
+        // connection goes to its reader now, without a round through the watch.
+        char first = 0;
+        if (::recv(handle, &first, 1, MSG_PEEK | MSG_DONTWAIT) >= 0) {
+            ready(std::move(socket), peer);
+            continue;
+        }
         try {
             watch(m_epoll, handle);
         } catch (const Computing::Error& e) {
@@ -159,15 +166,14 @@ void ConnectionWatch::acceptAll() {
 std::shared_ptr<Computing::ServerSocket> ConnectionWatch::adopt(int handle) {
     m_open->fetch_add(1);
     auto open = m_open;
+    // A connection that falls silent inside a conversation is idle as well: no single read
+    // waits longer than the limit, while one that moves data never times out.
     std::shared_ptr<Computing::ServerSocket> socket(
-        new Computing::ServerSocket(static_cast<uint64_t>(handle)),
+        new Computing::ServerSocket(static_cast<uint64_t>(handle), silenceLimitSeconds() * 1000),
         [open](Computing::ServerSocket* ended) {
             delete ended;
             open->fetch_sub(1);
         });
-    // A connection that falls silent inside a conversation is idle as well: no single read
-    // waits longer than the limit, while one that moves data never times out.
-    socket->setTimeout(silenceLimitSeconds() * 1000);
     return socket;
 }
 

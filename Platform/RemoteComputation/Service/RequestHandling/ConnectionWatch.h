@@ -59,7 +59,7 @@ private:
         std::list<int>::iterator order;
     };
 
-    void acceptAll();
+    void acceptAll(const ReadyHandler& ready);
     // Wraps a new handle so that its end counts down the open connections.
     std::shared_ptr<Computing::ServerSocket> adopt(int handle);
     void closeIdle(Clock::time_point now);

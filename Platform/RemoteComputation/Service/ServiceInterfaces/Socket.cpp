@@ -34,6 +34,11 @@ Socket::Socket(uint64_t handle) : m_socket(handle) {
         configureConnected();
 }
 
+Socket::Socket(uint64_t handle, unsigned int timeoutMilliseconds) : m_socket(handle) {
+    if (isOpen())
+        configureConnected(timeoutMilliseconds);
+}
+
 Socket::~Socket() {
     close();
 }
@@ -46,10 +51,14 @@ void Socket::close() {
 }
 
 void Socket::configureConnected() {
+    unsigned int seconds = RequestServerConfiguration::getRegisteredInstance()->getSocketTimeout();
+    configureConnected(seconds * 1000);
+}
+
+void Socket::configureConnected(unsigned int timeoutMilliseconds) {
     int one = 1;
     setsockopt(fdOf(m_socket), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-    unsigned int seconds = RequestServerConfiguration::getRegisteredInstance()->getSocketTimeout();
-    setTimeout(seconds * 1000);
+    setTimeout(timeoutMilliseconds);
 }
 
 void Socket::setTimeout(unsigned int milliseconds) {
@@ -311,6 +320,9 @@ void ClientSocket::closeAfterPeer(unsigned int limitMs) {
 }
 
 ServerSocket::ServerSocket(uint64_t handle) : Socket(handle) {}
+
+ServerSocket::ServerSocket(uint64_t handle, unsigned int timeoutMilliseconds)
+    : Socket(handle, timeoutMilliseconds) {}
 
 std::string ServerSocket::getClientIPaddress() const {
     sockaddr_storage address{};

@@ -15,6 +15,8 @@ namespace Computing {
 class Socket {
 public:
     explicit Socket(uint64_t handle = c_invalid);
+    // A connection whose time limit is known when it is adopted: set once, not twice.
+    Socket(uint64_t handle, unsigned int timeoutMilliseconds);
     virtual ~Socket();
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
@@ -47,6 +49,7 @@ public:
 
 protected:
     void configureConnected();
+    void configureConnected(unsigned int timeoutMilliseconds);
     void flushPending(const char* data, uint64_t size);
     bool fillBuffer();
 
@@ -75,6 +78,7 @@ public:
 class ServerSocket : public Socket {
 public:
     explicit ServerSocket(uint64_t handle);
+    ServerSocket(uint64_t handle, unsigned int timeoutMilliseconds);
     std::string getClientIPaddress() const;
     std::string getServerIPaddress() const;
 };

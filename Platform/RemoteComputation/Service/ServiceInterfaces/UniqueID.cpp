@@ -3,7 +3,9 @@
 
 #include <gcrypt.h>
 
+#include <atomic>
 #include <cstdio>
+#include <pthread.h>
 #include <random>
 #include <unistd.h>
 
@@ -13,22 +15,33 @@ const std::string UniqueID::c_nullId = "0000000000000000-0000000000000000-000000
 
 namespace {
 
-// One generator per thread, seeded from the kernel's entropy; reseeded after a fork so that a
-// forked child never repeats its parent's ids.
+// Counts the forks of this process as seen in the children; a generator made before the
+// latest fork reseeds, so that a forked child never repeats its parent's ids. Cheaper than
+// asking the kernel for the pid at every id.
+std::atomic<unsigned int> s_forkGeneration{0};
+
+void countFork() {
+    s_forkGeneration.fetch_add(1, std::memory_order_relaxed);
+}
+
+// One generator per thread, seeded from the kernel's entropy.
 struct ThreadGenerator {
     std::mt19937_64 engine;
-    pid_t pid = -1;
+    bool seeded = false;
+    unsigned int generation = 0;
 
-    uint64_t next() {
-        pid_t current = getpid();
-        if (current != pid) {
-            std::random_device device; // getrandom() on Linux
-            std::seed_seq seed{device(), device(), device(), device(),
-                               device(), device(), device(), device()};
-            engine.seed(seed);
-            pid = current;
-        }
-        return engine();
+    void reseedIfStale() {
+        static const int registered = ::pthread_atfork(nullptr, nullptr, countFork);
+        (void)registered;
+        const unsigned int current = s_forkGeneration.load(std::memory_order_relaxed);
+        if (seeded && current == generation)
+            return;
+        std::random_device device; // getrandom() on Linux
+        std::seed_seq seed{device(), device(), device(), device(),
+                           device(), device(), device(), device()};
+        engine.seed(seed);
+        generation = current;
+        seeded = true;
     }
 };
 
@@ -36,11 +49,12 @@ struct ThreadGenerator {
 
 std::string UniqueID::generateId() {
     thread_local ThreadGenerator generator;
+    generator.reseedIfStale();
     char text[c_length + 1];
     std::snprintf(text, sizeof(text), "%016llX-%016llX-%016llX",
-                  static_cast<unsigned long long>(generator.next()),
-                  static_cast<unsigned long long>(generator.next()),
-                  static_cast<unsigned long long>(generator.next()));
+                  static_cast<unsigned long long>(generator.engine()),
+                  static_cast<unsigned long long>(generator.engine()),
+                  static_cast<unsigned long long>(generator.engine()));
     return std::string(text, c_length);
 }
 

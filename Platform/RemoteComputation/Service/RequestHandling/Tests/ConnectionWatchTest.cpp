@@ -78,6 +78,36 @@ TEST_F(ConnectionWatchTest, OnlyConnectionsWithDataAreHandedOut) {
     EXPECT_EQ(text, "C 4 PING");
 }
 
+TEST_F(ConnectionWatchTest, DataThereAtTheAcceptIsHandedOutInTheSameRound) {
+    ConnectionWatch watch(listener.getHandle(), 30, 100);
+    auto talking = connect();
+    talking->sendDataBlock("C 4 PING", 8);
+    auto ending = connect();
+    ending->close();
+    // On loopback the bytes and the end are queued before the accept: one round takes both.
+    pollfd pending{listener.getHandle(), POLLIN, 0};
+    ASSERT_EQ(::poll(&pending, 1, 3000), 1);
+    watch.waitOnce(
+        [this](std::shared_ptr<Computing::ServerSocket> socket, const std::string& peer) {
+            ready.push_back(std::move(socket));
+            peers.push_back(peer);
+        },
+        50ms);
+    ASSERT_EQ(ready.size(), 2u);
+    EXPECT_EQ(watch.getWaitingCount(), 0u);
+    // The silence limit is the connection's time limit, set at the adoption.
+    timeval limit{};
+    socklen_t length = sizeof(limit);
+    ASSERT_EQ(::getsockopt(static_cast<int>(ready[0]->getSocket()), SOL_SOCKET, SO_RCVTIMEO, &limit,
+                           &length),
+              0);
+    EXPECT_EQ(static_cast<unsigned int>(limit.tv_sec), ConnectionWatch::silenceLimitSeconds());
+    std::string text;
+    ASSERT_TRUE(ready[0]->receiveDataBlock(text, 8));
+    EXPECT_EQ(text, "C 4 PING");
+    EXPECT_FALSE(ready[1]->receiveDataBlock(text, 1));
+}
+
 TEST_F(ConnectionWatchTest, SilentConnectionsAreClosedAfterTheIdleTimeoutWithOneWarningEach) {
     ConnectionWatch watch(listener.getHandle(), 1, 100);
     auto first = connect();
