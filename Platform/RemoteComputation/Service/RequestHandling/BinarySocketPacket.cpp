@@ -1,5 +1,6 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/BinarySocketPacket.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/MemoryAdvice.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Socket.h"
 
 #include <algorithm>
@@ -51,6 +52,7 @@ std::shared_ptr<BinarySocketPacket> BinarySocketPacket::receive(unsigned long si
             throw std::bad_alloc();
         }
         data = grown;
+        populateForWrite(data + done, chunk);
         if (!socket.receiveDataBlock(data + done, chunk)) {
             std::free(data);
             throw Computing::Error(

@@ -1,4 +1,5 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/XLinkTranscoder.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/MemoryAdvice.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/KSData.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/XLinkTypeNames.h"
@@ -31,6 +32,7 @@ void* allocate(std::size_t bytes) {
     void* block = std::malloc(bytes ? bytes : 1);
     if (!block)
         throw std::bad_alloc();
+    populateForWrite(block, bytes);
     return block;
 }
 

@@ -14,4 +14,11 @@ namespace Kestrane {
 // as they are. Only advice: without huge page support nothing changes, and nothing fails.
 void adviseHugePages(void* block, std::size_t size);
 
+// A block that is about to be written whole (a received block, an array read out of a memory
+// file) takes a page fault for each of its 4 KiB pages on first touch. Makes the pages of
+// [block, block + size) present and writable in one call instead, for blocks large enough for it
+// to pay. Pages stay ordinary: nothing is locked, and the block is freed as before. Without
+// kernel support nothing changes, and nothing fails.
+void populateForWrite(void* block, std::size_t size);
+
 } // namespace Kestrane

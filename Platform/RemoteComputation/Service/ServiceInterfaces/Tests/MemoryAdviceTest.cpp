@@ -8,6 +8,9 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <vector>
 
 using namespace Kestrane;
 
@@ -70,4 +73,29 @@ TEST(MemoryAdviceTest, SmallBlocksAndNothingAreLeftAlone) {
     EXPECT_EQ(advised(block), before);
     adviseHugePages(nullptr, 64u << 20);
     std::free(block);
+}
+
+TEST(MemoryAdviceTest, ALargeBlockIsPresentBeforeItIsWritten) {
+    constexpr std::size_t size = 64u << 20;
+    auto* block = static_cast<unsigned char*>(std::malloc(size));
+    ASSERT_NE(block, nullptr);
+    const long page = ::sysconf(_SC_PAGESIZE);
+    const auto first = (reinterpret_cast<uintptr_t>(block) + page - 1) / page * page;
+    const std::size_t pages = (reinterpret_cast<uintptr_t>(block) + size - first) / page;
+    std::vector<unsigned char> present(pages);
+    auto countPresent = [&] {
+        EXPECT_EQ(::mincore(reinterpret_cast<void*>(first), pages * page, present.data()), 0);
+        std::size_t count = 0;
+        for (unsigned char state : present)
+            count += state & 1;
+        return count;
+    };
+    // A fresh mapping: nothing touched yet, so (almost) nothing present.
+    EXPECT_LT(countPresent(), pages / 2);
+    populateForWrite(block, size);
+    EXPECT_EQ(countPresent(), pages);
+    std::memset(block, 9, size);
+    EXPECT_EQ(block[size / 3], 9);
+    std::free(block);
+    populateForWrite(nullptr, size);
 }
