@@ -1,11 +1,11 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/XLinkTranscoder.h"
-#include "Platform/RemoteComputation/Service/ServiceInterfaces/MemoryAdvice.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/KSData.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/XLinkTypeNames.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/XLinkUtils.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/FileUtilities.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/HierarchicalDataFile.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/MemoryAdvice.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/UniqueID.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
 

@@ -7,7 +7,7 @@ namespace Kestrane {
 // A memory file's image is written from end to end right after it is allocated. On 4 KiB pages
 // that costs a page fault per page, more than the copy itself; on transparent huge pages it costs
 // one per 2 MiB. (Blocks read from connections and the arrays made from them measured slower
-// with the advice, on the receiving side of a fork check: they are left alone.)
+// with this advice, on the receiving side of a fork check: they get populateForWrite instead.)
 //
 // Advises the kernel to back the pages of [block, block + size) with huge pages when the block
 // is large enough for it to pay. Call it before the block is written: pages already touched stay

@@ -14,35 +14,28 @@ void XercesPlatform::ensureInitialized() {
     std::call_once(once, [] { xercesc::XMLPlatformUtils::Initialize(); });
 }
 
-namespace {
+XercesString::XercesString(const std::string& text) : XercesString(text.c_str()) {}
 
 // Names and most values in our messages are ASCII, where UTF-8 and UTF-16 have the same code
 // points: those are widened or narrowed in place instead of going through a transcoder made by
 // name for each string. Anything else goes to Xerces.
-bool isAscii(const char* text, size_t length) {
-    for (size_t i = 0; i < length; ++i)
-        if (static_cast<unsigned char>(text[i]) >= 0x80)
-            return false;
-    return true;
-}
-
-} // namespace
-
-XercesString::XercesString(const std::string& text) : XercesString(text.c_str()) {}
-
 XercesString::XercesString(const char* text) {
     XercesPlatform::ensureInitialized();
     const size_t length = std::strlen(text);
-    if (isAscii(text, length)) {
-        m_text = static_cast<XMLCh*>(
-            xercesc::XMLPlatformUtils::fgMemoryManager->allocate((length + 1) * sizeof(XMLCh)));
-        for (size_t i = 0; i < length; ++i)
-            m_text[i] = static_cast<XMLCh>(static_cast<unsigned char>(text[i]));
-        m_text[length] = 0;
-        return;
+    m_text = static_cast<XMLCh*>(
+        xercesc::XMLPlatformUtils::fgMemoryManager->allocate((length + 1) * sizeof(XMLCh)));
+    for (size_t i = 0; i < length; ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if (byte >= 0x80) {
+            xercesc::XMLString::release(&m_text);
+            xercesc::TranscodeFromStr utf16(reinterpret_cast<const XMLByte*>(text), length,
+                                            "UTF-8");
+            m_text = xercesc::XMLString::replicate(utf16.str());
+            return;
+        }
+        m_text[i] = static_cast<XMLCh>(byte);
     }
-    xercesc::TranscodeFromStr utf16(reinterpret_cast<const XMLByte*>(text), length, "UTF-8");
-    m_text = xercesc::XMLString::replicate(utf16.str());
+    m_text[length] = 0;
 }
 
 XercesString::~XercesString() {
