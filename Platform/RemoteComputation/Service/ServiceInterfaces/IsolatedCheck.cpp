@@ -48,8 +48,9 @@ void quietenChild() {
 bool waitReadable(int fd, std::chrono::milliseconds limit) {
     auto deadline = std::chrono::steady_clock::now() + limit;
     while (true) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
+        // Rounded up: a truncated remainder would end the wait up to a millisecond early.
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline -
+                                                                 std::chrono::steady_clock::now());
         if (left.count() <= 0)
             return false;
         struct pollfd entry = {fd, POLLIN, 0};
