@@ -6,6 +6,10 @@
 // (throughput, round trips per second). Each run also counts the CPU time that the client and
 // the server process spent per round trip.
 //
+// The floor runs (RawRoundTrip.h) are the raw exchange with only what the library's design adds
+// of necessity: its thread hand-offs and its package coding. They show how much of the distance
+// to the raw exchange comes with the design and how much is the library's own.
+//
 // The BM_Part_ runs take the library's round trip apart: the connection with its ping, the
 // heartbeat watch of a wait, and the encoding and decoding of the packages, each alone.
 //
@@ -58,6 +62,9 @@ struct Peers {
     int publisherPort = -1;
     std::unique_ptr<Child> rawServer;
     std::unique_ptr<RawReplyListener> rawListener;
+    std::unique_ptr<Child> floorServer;
+    std::unique_ptr<RawReplyListener> floorListener;
+    std::unique_ptr<RawReplyListener> handOffListener; // the floor's threads, no package coding
     // Payloads of the "RQ" and "RP" packets of a NOP, as they went over the wire.
     std::string requestPackage;
     std::string replyPackage;
@@ -78,6 +85,50 @@ RequestEncoder nopRequest() {
     RequestEncoder request("TestRequest");
     request.addElement("command", "NOP", "  ");
     return request;
+}
+
+// The library's own work on the packages of a NOP, one function per place where it happens.
+const char* const c_packageId = "0000000000000000-0000000000000000-0000000000000001";
+
+std::string encodeNopRequestPackage() {
+    RequestEncoder request = nopRequest();
+    std::string copy = request.getEncodedRequest();
+    bool hasFiles = false;
+    auto attachments = Attachment::createAttachments(copy, hasFiles, true);
+    RequestPackageEncoder package(copy, c_packageId, "");
+    return package.getEncodedRequestPackage();
+}
+
+void decodeNopRequestPackage(const std::string& text) {
+    static RequestHandler* handler = RequestServer::getInstance(-1, 0)->getRequestHandler();
+    auto package = RequestPackage::decode(text, *handler, nullptr, "127.0.0.1", "127.0.0.1");
+    if (!package || !package->getRequest())
+        throw std::runtime_error("request package not decoded");
+}
+
+std::string encodeNopReplyPackage(const std::string& id) {
+    ReplyEncoder reply("TestReply", id);
+    reply.addElement("data", "OK");
+    ReplyPackageEncoder package(reply.getEncodedReply("   ", "  "), 1);
+    return package.getEncodedReplyPackage();
+}
+
+bool decodeNopReplyPackage(const std::string& text) {
+    auto package = ReplyPackage::decode(text, nullptr);
+    return package && package->getReply() && package->getReply()->getElement("data") == "OK";
+}
+
+// The floor's package work; its server child makes its own request server for the decoding.
+RoundTripWork floorWork() {
+    RoundTripWork work;
+    work.encodeRequest = encodeNopRequestPackage;
+    work.decodeRequest = decodeNopRequestPackage;
+    work.encodeReply = encodeNopReplyPackage;
+    work.decodeReply = [](const std::string& text) {
+        if (!decodeNopReplyPackage(text))
+            std::fprintf(stderr, "floor: reply package not decoded\n");
+    };
+    return work;
 }
 
 bool libraryNop(TcpRequestClient& client) {
@@ -103,16 +154,35 @@ void rawNop() {
                  s_peers->replyPackage.size(), 0);
 }
 
+void floorNop() {
+    static const std::function<std::string()> encodeRequest = encodeNopRequestPackage;
+    rawRoundTrip(s_peers->floorServer->port(), *s_peers->floorListener, 0, 0, 0, encodeRequest);
+}
+
+void handOffNop() {
+    rawRoundTrip(s_peers->floorServer->port(), *s_peers->handOffListener,
+                 s_peers->requestPackage.size(), s_peers->replyPackage.size(), 0);
+}
+
 // ---- sequential: latency ----
 
-void BM_NopLatency_Raw(benchmark::State& state) {
+void referenceLatency(benchmark::State& state, const Child& server, void (*nop)()) {
     Latencies latencies(c_sequential);
-    CpuPerItem cpu(s_peers->rawServer->pid());
+    CpuPerItem cpu(server.pid());
     for (auto _ : state)
-        latencies.time(rawNop);
+        latencies.time(nop);
     cpu.report(state, static_cast<double>(state.iterations()));
     latencies.report(state);
     state.SetItemsProcessed(state.iterations());
+}
+void BM_NopLatency_Raw(benchmark::State& state) {
+    referenceLatency(state, *s_peers->rawServer, rawNop);
+}
+void BM_NopLatency_Floor(benchmark::State& state) {
+    referenceLatency(state, *s_peers->floorServer, floorNop);
+}
+void BM_NopLatency_FloorHandOffsOnly(benchmark::State& state) {
+    referenceLatency(state, *s_peers->floorServer, handOffNop);
 }
 
 void libraryLatency(benchmark::State& state, bool watchHeartbeat) {
@@ -142,22 +212,28 @@ void BM_NopLatency_LibraryNoHeartbeatWatch(benchmark::State& state) {
 
 // The CPU counters of a run with threads: taken by the first thread around its loop, which all
 // threads enter and leave together.
-void rawThroughput(benchmark::State& state) {
+void referenceThroughput(benchmark::State& state, const Child& server, void (*nop)()) {
     std::optional<CpuPerItem> cpu;
     if (state.thread_index() == 0)
-        cpu.emplace(s_peers->rawServer->pid());
+        cpu.emplace(server.pid());
     for (auto _ : state)
-        rawNop();
+        nop();
     if (cpu)
         cpu->report(state, static_cast<double>(state.iterations() * state.threads()));
     state.SetItemsProcessed(state.iterations());
 }
 void BM_NopThroughput8_Raw(benchmark::State& state) {
-    rawThroughput(state);
+    referenceThroughput(state, *s_peers->rawServer, rawNop);
+}
+void BM_NopThroughput8_Floor(benchmark::State& state) {
+    referenceThroughput(state, *s_peers->floorServer, floorNop);
+}
+void BM_NopThroughput8_FloorHandOffsOnly(benchmark::State& state) {
+    referenceThroughput(state, *s_peers->floorServer, handOffNop);
 }
 // Many more callers than cores: throughput must hold, with no error.
 void BM_NopThroughput64_Raw(benchmark::State& state) {
-    rawThroughput(state);
+    referenceThroughput(state, *s_peers->rawServer, rawNop);
 }
 
 // One client per thread, as independent callers would have.
@@ -224,15 +300,8 @@ void BM_Part_HeartbeatWatchStartStop(benchmark::State& state) {
 
 // The client's CPU work on a request before the socket: encoder, attachment scan, package.
 void BM_Part_EncodeRequestPackage(benchmark::State& state) {
-    for (auto _ : state) {
-        RequestEncoder request = nopRequest();
-        std::string copy = request.getEncodedRequest();
-        bool hasFiles = false;
-        auto attachments = Attachment::createAttachments(copy, hasFiles, true);
-        RequestPackageEncoder package(copy, "0000000000000000-0000000000000000-0000000000000001",
-                                      "");
-        benchmark::DoNotOptimize(package.getEncodedRequestPackage());
-    }
+    for (auto _ : state)
+        benchmark::DoNotOptimize(encodeNopRequestPackage());
 }
 
 // The part of the encoding above that looks for data elements in the request text.
@@ -247,34 +316,23 @@ void BM_Part_RequestAttachmentScan(benchmark::State& state) {
 
 // The server's parse and check of the request package and its request.
 void BM_Part_DecodeRequestPackage(benchmark::State& state) {
-    RequestHandler* handler = RequestServer::getInstance(-1, 0)->getRequestHandler();
-    for (auto _ : state) {
-        auto package = RequestPackage::decode(s_peers->requestPackage, *handler, nullptr,
-                                              "127.0.0.1", "127.0.0.1");
-        benchmark::DoNotOptimize(package->getRequest());
-    }
+    for (auto _ : state)
+        decodeNopRequestPackage(s_peers->requestPackage);
 }
 
 // The server's reply: encoder and package.
 void BM_Part_EncodeReplyPackage(benchmark::State& state) {
-    const std::string id = "0000000000000000-0000000000000000-0000000000000001";
-    for (auto _ : state) {
-        ReplyEncoder reply("TestReply", id);
-        reply.addElement("data", "OK");
-        ReplyPackageEncoder package(reply.getEncodedReply("   ", "  "), 1);
-        benchmark::DoNotOptimize(package.getEncodedReplyPackage());
-    }
+    for (auto _ : state)
+        benchmark::DoNotOptimize(encodeNopReplyPackage(c_packageId));
 }
 
 // The client's parse and check of the reply package.
 void BM_Part_DecodeReplyPackage(benchmark::State& state) {
-    for (auto _ : state) {
-        auto package = ReplyPackage::decode(s_peers->replyPackage, nullptr);
-        if (package->getReply()->getElement("data") != "OK") {
+    for (auto _ : state)
+        if (!decodeNopReplyPackage(s_peers->replyPackage)) {
             state.SkipWithError("reply not decoded");
             break;
         }
-    }
 }
 
 // One hand-off from a thread to a waiting one and back, on a condition variable: twice the
@@ -324,6 +382,16 @@ BENCHMARK(BM_NopLatency_LibraryNoHeartbeatWatch)
     ->Repetitions(c_repetitions)
     ->DisplayAggregatesOnly()
     ->UseRealTime();
+BENCHMARK(BM_NopLatency_Floor)
+    ->Iterations(c_sequential)
+    ->Repetitions(c_repetitions)
+    ->DisplayAggregatesOnly()
+    ->UseRealTime();
+BENCHMARK(BM_NopLatency_FloorHandOffsOnly)
+    ->Iterations(c_sequential)
+    ->Repetitions(c_repetitions)
+    ->DisplayAggregatesOnly()
+    ->UseRealTime();
 BENCHMARK(BM_NopThroughput8_Raw)
     ->Threads(c_threads)
     ->Iterations(c_perThread)
@@ -337,6 +405,18 @@ BENCHMARK(BM_NopThroughput8_Library)
     ->DisplayAggregatesOnly()
     ->UseRealTime();
 BENCHMARK(BM_NopThroughput8_LibraryNoHeartbeatWatch)
+    ->Threads(c_threads)
+    ->Iterations(c_perThread)
+    ->Repetitions(c_repetitions)
+    ->DisplayAggregatesOnly()
+    ->UseRealTime();
+BENCHMARK(BM_NopThroughput8_Floor)
+    ->Threads(c_threads)
+    ->Iterations(c_perThread)
+    ->Repetitions(c_repetitions)
+    ->DisplayAggregatesOnly()
+    ->UseRealTime();
+BENCHMARK(BM_NopThroughput8_FloorHandOffsOnly)
     ->Threads(c_threads)
     ->Iterations(c_perThread)
     ->Repetitions(c_repetitions)
@@ -368,6 +448,16 @@ BENCHMARK(BM_Part_ThreadHandOffAndBack)->Iterations(c_sequential * 12)->UseRealT
 int main(int argc, char** argv) {
     if (argc > 1 && std::string(argv[1]) == "--raw-server")
         return runRawServer(c_threads);
+    if (argc > 1 && std::string(argv[1]) == "--floor-server") {
+        Logging::setLevel(LogLevel::Warn);
+        static const RoundTripWork work = floorWork();
+        // The request server (its handler knows the request types) and a first coding, before
+        // the port is announced.
+        if (!RequestServer::getInstance(-1, 0))
+            return 1;
+        decodeNopRequestPackage(encodeNopRequestPackage());
+        return runFloorServer(c_threads, work);
+    }
     initializeBenchmarks(argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
@@ -382,10 +472,15 @@ int main(int argc, char** argv) {
         peers.publisherPort = peers.server->announcedPort("PUBLISHER");
         peers.rawServer =
             std::make_unique<Child>(selfExecutable(), std::vector<std::string>{"--raw-server"});
+        peers.floorServer =
+            std::make_unique<Child>(selfExecutable(), std::vector<std::string>{"--floor-server"});
         ownServer = RequestServer::getInstance(-1, 0);
         if (peers.publisherPort <= 0 || !ownServer)
             throw std::runtime_error("no publisher port, or no request server in this process");
         peers.rawListener = std::make_unique<RawReplyListener>();
+        peers.floorListener =
+            std::make_unique<RawReplyListener>(c_threads, floorWork().decodeReply);
+        peers.handOffListener = std::make_unique<RawReplyListener>(c_threads);
         capturePackages();
 
         KeepingReporter reporter;
@@ -426,10 +521,45 @@ int main(int argc, char** argv) {
         printComparison("  the same without heartbeat watch",
                         cpu("BM_NopThroughput8_LibraryNoHeartbeatWatch"),
                         cpu("BM_NopThroughput8_Raw"), "us", false, 0);
+
+        std::printf(
+            "\nThe floor (raw sockets with the design's thread hand-offs and the library's "
+            "package coding) against the raw exchange, and the library against the floor:\n");
+        printComparison("Hand-offs only: NOP round trip, median latency",
+                        reporter.counter("BM_NopLatency_FloorHandOffsOnly", "median_us"),
+                        reporter.counter("BM_NopLatency_Raw", "median_us"), "us", false, 0);
+        printComparison("Hand-offs only: NOP round trips, 8 threads",
+                        reporter.counter("BM_NopThroughput8_FloorHandOffsOnly", "items_per_second"),
+                        reporter.counter("BM_NopThroughput8_Raw", "items_per_second"), "req/s",
+                        true, 0);
+        printComparison("Hand-offs only: CPU per round trip",
+                        cpu("BM_NopLatency_FloorHandOffsOnly"), cpu("BM_NopLatency_Raw"), "us",
+                        false, 0);
+        printComparison("Floor: NOP round trip, median latency",
+                        reporter.counter("BM_NopLatency_Floor", "median_us"),
+                        reporter.counter("BM_NopLatency_Raw", "median_us"), "us", false, 0);
+        printComparison("Floor: NOP round trips, 8 threads",
+                        reporter.counter("BM_NopThroughput8_Floor", "items_per_second"),
+                        reporter.counter("BM_NopThroughput8_Raw", "items_per_second"), "req/s",
+                        true, 0);
+        printComparison("Floor: CPU per round trip, both processes", cpu("BM_NopLatency_Floor"),
+                        cpu("BM_NopLatency_Raw"), "us", false, 0);
+        printComparison("Library vs floor: median latency",
+                        reporter.counter("BM_NopLatency_Library", "median_us"),
+                        reporter.counter("BM_NopLatency_Floor", "median_us"), "us", false, 0);
+        printComparison("Library vs floor: 8 threads",
+                        reporter.counter("BM_NopThroughput8_Library", "items_per_second"),
+                        reporter.counter("BM_NopThroughput8_Floor", "items_per_second"), "req/s",
+                        true, 0);
+        printComparison("Library vs floor: CPU per round trip", cpu("BM_NopLatency_Library"),
+                        cpu("BM_NopLatency_Floor"), "us", false, 0);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "RoundTripBench: %s\n", e.what());
         result = 1;
     }
+    peers.handOffListener.reset();
+    peers.floorListener.reset();
+    peers.floorServer.reset();
     peers.rawListener.reset();
     peers.rawServer.reset();
     peers.server.reset();
