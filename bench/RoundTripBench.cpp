@@ -565,34 +565,22 @@ int main(int argc, char** argv) {
         std::printf(
             "\nThe floor (raw sockets with the design's thread hand-offs and the library's "
             "package coding) against the raw exchange, and the library against the floor:\n");
-        printComparison("Hand-offs only: NOP round trip, median latency",
-                        reporter.counter("BM_NopLatency_FloorHandOffsOnly", "median_us"),
-                        reporter.counter("BM_NopLatency_Raw", "median_us"), "us", false, 0);
-        printComparison("Hand-offs only: NOP round trips, 8 threads",
-                        reporter.counter("BM_NopThroughput8_FloorHandOffsOnly", "items_per_second"),
-                        reporter.counter("BM_NopThroughput8_Raw", "items_per_second"), "req/s",
-                        true, 0);
-        printComparison("Hand-offs only: CPU per round trip",
-                        cpu("BM_NopLatency_FloorHandOffsOnly"), cpu("BM_NopLatency_Raw"), "us",
-                        false, 0);
-        printComparison("Floor: NOP round trip, median latency",
-                        reporter.counter("BM_NopLatency_Floor", "median_us"),
-                        reporter.counter("BM_NopLatency_Raw", "median_us"), "us", false, 0);
-        printComparison("Floor: NOP round trips, 8 threads",
-                        reporter.counter("BM_NopThroughput8_Floor", "items_per_second"),
-                        reporter.counter("BM_NopThroughput8_Raw", "items_per_second"), "req/s",
-                        true, 0);
-        printComparison("Floor: CPU per round trip, both processes", cpu("BM_NopLatency_Floor"),
-                        cpu("BM_NopLatency_Raw"), "us", false, 0);
-        printComparison("Library vs floor: median latency",
-                        reporter.counter("BM_NopLatency_Library", "median_us"),
-                        reporter.counter("BM_NopLatency_Floor", "median_us"), "us", false, 0);
-        printComparison("Library vs floor: 8 threads",
-                        reporter.counter("BM_NopThroughput8_Library", "items_per_second"),
-                        reporter.counter("BM_NopThroughput8_Floor", "items_per_second"), "req/s",
-                        true, 0);
-        printComparison("Library vs floor: CPU per round trip", cpu("BM_NopLatency_Library"),
-                        cpu("BM_NopLatency_Floor"), "us", false, 0);
+        // Latency, throughput with 8 threads and CPU of one run's family against another's.
+        auto compareRuns = [&](const std::string& title, const std::string& ours,
+                               const std::string& reference) {
+            printComparison(
+                title + ": median latency", reporter.counter("BM_NopLatency_" + ours, "median_us"),
+                reporter.counter("BM_NopLatency_" + reference, "median_us"), "us", false, 0);
+            printComparison(title + ": 8 threads",
+                            reporter.counter("BM_NopThroughput8_" + ours, "items_per_second"),
+                            reporter.counter("BM_NopThroughput8_" + reference, "items_per_second"),
+                            "req/s", true, 0);
+            printComparison(title + ": CPU per round trip", cpu("BM_NopLatency_" + ours),
+                            cpu("BM_NopLatency_" + reference), "us", false, 0);
+        };
+        compareRuns("Hand-offs only vs raw", "FloorHandOffsOnly", "Raw");
+        compareRuns("Floor vs raw", "Floor", "Raw");
+        compareRuns("Library vs floor", "Library", "Floor");
     } catch (const std::exception& e) {
         std::fprintf(stderr, "RoundTripBench: %s\n", e.what());
         result = 1;
