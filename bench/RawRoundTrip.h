@@ -19,12 +19,13 @@
 
 #include "BenchPeers.h"
 
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/WorkerPool.h"
+
 #include <sys/socket.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
-#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -42,58 +43,29 @@ struct RoundTripWork {
     std::function<void(const std::string&)> decodeReply;        // client, connection reader
 };
 
-// Threads that take queued jobs in turn, as a worker pool does.
+// The library's worker pool, the one its server and its reply listener hand work to, taking
+// plain functions.
 class HandOffPool {
 public:
-    explicit HandOffPool(int threads) {
-        for (int i = 0; i < threads; ++i)
-            m_threads.emplace_back([this] { work(); });
-    }
-    ~HandOffPool() {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_stop = true;
-        }
-        m_condition.notify_all();
-        for (auto& thread : m_threads)
-            thread.join();
-    }
-    HandOffPool(const HandOffPool&) = delete;
-    HandOffPool& operator=(const HandOffPool&) = delete;
+    explicit HandOffPool(int threads)
+        : m_pool(static_cast<unsigned int>(threads), Kestrane::Thread::Normal) {}
 
     void add(std::function<void()> job) {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_jobs.push_back(std::move(job));
-        }
-        m_condition.notify_one();
+        m_pool.addTask(std::make_shared<FunctionTask>(std::move(job)));
     }
 
 private:
-    void work() {
-        for (;;) {
-            std::function<void()> job;
-            {
-                std::unique_lock<std::mutex> lock(m_mutex);
-                m_condition.wait(lock, [&] { return m_stop || !m_jobs.empty(); });
-                if (m_jobs.empty())
-                    return;
-                job = std::move(m_jobs.front());
-                m_jobs.pop_front();
-            }
-            try {
-                job();
-            } catch (const std::exception& e) {
-                std::fprintf(stderr, "hand-off pool: %s\n", e.what());
-            }
-        }
-    }
+    class FunctionTask : public Kestrane::Tasks::Task {
+    public:
+        explicit FunctionTask(std::function<void()> job)
+            : Task("hand-off"), m_job(std::move(job)) {}
+        void execute() override { m_job(); }
 
-    std::mutex m_mutex;
-    std::condition_variable m_condition;
-    std::deque<std::function<void()>> m_jobs;
-    bool m_stop = false;
-    std::vector<std::thread> m_threads;
+    private:
+        std::function<void()> m_job;
+    };
+
+    Kestrane::Tasks::WorkerPool m_pool;
 };
 
 // ---- the server side, run in a child process ----
