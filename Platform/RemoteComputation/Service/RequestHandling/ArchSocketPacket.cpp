@@ -1,4 +1,5 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/ArchSocketPacket.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LargeBlockCache.h"
 
 #include <cstdlib>
 
@@ -9,7 +10,7 @@ ArchSocketPacket::ArchSocketPacket(char* data, unsigned long size, bool cachePac
 
 bool ArchSocketPacket::send(Computing::Socket& socket, const std::string& label) {
     bool result = BinarySocketPacket::send(socket, label);
-    std::free(m_data);
+    LargeBlockCache::release(m_data);
     m_data = nullptr; // never released twice
     return result;
 }

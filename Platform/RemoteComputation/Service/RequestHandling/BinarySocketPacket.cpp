@@ -1,4 +1,5 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/BinarySocketPacket.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LargeBlockCache.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/MemoryAdvice.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Socket.h"
@@ -38,23 +39,29 @@ std::shared_ptr<BinarySocketPacket> BinarySocketPacket::receive(unsigned long si
                                                                 const std::string& label) {
     // The block grows with what arrives: a size that a peer only claims (up to 4 GB in a
     // 60-byte command) must not reserve memory, and a block that never comes whole must not stay
-    // behind as an attachment of uninitialised bytes.
+    // behind as an attachment of uninitialised bytes. A kept block that fits reserves nothing
+    // new, so it takes the whole.
     constexpr unsigned long c_step = 1 << 20;
-    char* data = static_cast<char*>(std::malloc(1));
+    char* data = static_cast<char*>(LargeBlockCache::take(size));
+    const bool kept = data != nullptr;
+    if (!kept)
+        data = static_cast<char*>(std::malloc(1));
     if (!data)
         throw std::bad_alloc();
     unsigned long done = 0;
     while (done < size) {
-        const unsigned long chunk = std::min(size - done, std::max(c_step, done));
-        char* grown = static_cast<char*>(std::realloc(data, done + chunk));
-        if (!grown) {
-            std::free(data);
-            throw std::bad_alloc();
+        const unsigned long chunk = kept ? size : std::min(size - done, std::max(c_step, done));
+        if (!kept) {
+            char* grown = static_cast<char*>(std::realloc(data, done + chunk));
+            if (!grown) {
+                std::free(data);
+                throw std::bad_alloc();
+            }
+            data = grown;
+            populateForWrite(data + done, chunk);
         }
-        data = grown;
-        populateForWrite(data + done, chunk);
         if (!socket.receiveDataBlock(data + done, chunk)) {
-            std::free(data);
+            LargeBlockCache::release(data);
             throw Computing::Error(
                 "receive of a block of " + std::to_string(size) + " bytes from " + label,
                 "the connection ended after fewer than " + std::to_string(done + chunk) + " bytes");

@@ -24,7 +24,7 @@ void BlockAttachment::freeBlock() {
     if (m_owned)
         m_owned.reset();
     else
-        std::free(m_data);
+        LargeBlockCache::release(m_data);
     m_data = nullptr;
 }
 

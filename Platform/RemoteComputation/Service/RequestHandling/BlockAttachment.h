@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Platform/RemoteComputation/Service/RequestHandling/Attachment.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LargeBlockCache.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -34,7 +35,7 @@ protected:
 
 private:
     struct Free {
-        void operator()(unsigned char* block) const { std::free(block); }
+        void operator()(unsigned char* block) const { LargeBlockCache::release(block); }
     };
 
     unsigned char* m_data;

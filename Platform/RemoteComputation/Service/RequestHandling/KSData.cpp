@@ -1,6 +1,7 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/KSData.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/XLinkUtils.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LargeBlockCache.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
 
 #include <boost/lexical_cast.hpp>
@@ -71,7 +72,7 @@ std::shared_ptr<std::vector<unsigned char>> KSData::getArchiverBufferPtr() {
     auto bytes = std::make_shared<std::vector<unsigned char>>(static_cast<std::size_t>(m_dataSize));
     if (!bytes->empty())
         std::memcpy(bytes->data(), block, bytes->size());
-    std::free(block);
+    LargeBlockCache::release(block);
     m_href.clear();
     return bytes;
 }

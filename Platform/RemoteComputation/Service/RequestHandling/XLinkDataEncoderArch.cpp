@@ -1,6 +1,7 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/XLinkDataEncoderArch.h"
 
 #include "Platform/RemoteComputation/Service/RequestHandling/XLinkDataEncoder.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LargeBlockCache.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -15,7 +16,7 @@ XLinkDataEncoderArch::encode(const std::string& name,
     uint64_t size = 0;
     if (data && !data->empty()) {
         size = data->size();
-        block = static_cast<unsigned char*>(std::malloc(data->size()));
+        block = static_cast<unsigned char*>(LargeBlockCache::allocate(data->size()));
         if (!block)
             throw std::bad_alloc();
         std::memcpy(block, data->data(), data->size());

@@ -5,6 +5,7 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/XLinkUtils.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/FileUtilities.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/HierarchicalDataFile.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LargeBlockCache.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/MemoryAdvice.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/UniqueID.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
@@ -29,6 +30,8 @@ const std::string c_filePointer = "FILE *";
 constexpr uint64_t c_maxDeflateRatio = 1032;
 
 void* allocate(std::size_t bytes) {
+    if (void* kept = LargeBlockCache::take(bytes))
+        return kept;
     void* block = std::malloc(bytes ? bytes : 1);
     if (!block)
         throw std::bad_alloc();
@@ -311,7 +314,7 @@ bool XLinkTranscoder::dhaToHdfs(std::string& id, std::string& dataPtrType, std::
         return false;
     // Freed only now, when nothing can fail any more, so that a failure leaves the array.
     if (freeSource)
-        std::free(array);
+        LargeBlockCache::release(array);
     id = linkId;
     if (kind != XLinkTypeNames::c_otherKind)
         dataType = XLinkTypeNames::shortName(kind);
@@ -350,7 +353,7 @@ bool XLinkTranscoder::hdfsToDha(std::string& id, std::string& dataPtrType, std::
             return false;
         void* array = allocate(static_cast<std::size_t>(count * width));
         if (!readDataset(file.get(), linkId, kind, array)) {
-            std::free(array);
+            LargeBlockCache::release(array);
             return false;
         }
         int named = kind == XLinkTypeNames::c_otherKind ? 1 : kind;
@@ -362,7 +365,7 @@ bool XLinkTranscoder::hdfsToDha(std::string& id, std::string& dataPtrType, std::
     }
     // The file used the block in place, so it goes only after the close.
     if (freeSource)
-        std::free(block);
+        LargeBlockCache::release(block);
     return true;
 }
 
@@ -384,7 +387,7 @@ bool XLinkTranscoder::dhaToFile(std::string& id, std::string& dataPtrType, std::
     if (!writeFile(path, array, static_cast<std::size_t>(dataSize * XLinkTypeNames::width(kind))))
         return false;
     if (freeSource)
-        std::free(array);
+        LargeBlockCache::release(array);
     becomeFileLink(linkId, path, id, dataPtrType, href, file);
     return true;
 }
@@ -461,7 +464,7 @@ bool XLinkTranscoder::hdfsToFile(std::string& id, std::string& dataPtrType, std:
             return false;
     }
     if (freeSource)
-        std::free(block);
+        LargeBlockCache::release(block);
     becomeFileLink(linkId, path, id, dataPtrType, href, file);
     return true;
 }

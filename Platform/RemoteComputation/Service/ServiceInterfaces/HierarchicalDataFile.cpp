@@ -1,5 +1,6 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/HierarchicalDataFile.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/IsolatedCheck.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LargeBlockCache.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/MemoryAdvice.h"
 
@@ -31,7 +32,7 @@ Logging s_logging(__FILE__);
 std::mutex s_mutex;
 
 struct FreeDeleter {
-    void operator()(unsigned char* block) const { std::free(block); }
+    void operator()(unsigned char* block) const { LargeBlockCache::release(block); }
 };
 
 // The core driver's buffer of a file made here. It is allocated through file image callbacks, so
@@ -198,7 +199,7 @@ herr_t keepUdata(void*) {
 
 void* ownMalloc(size_t size, H5FD_file_image_op_t, void* udata) {
     auto* own = static_cast<OwnImage*>(udata);
-    own->buffer = std::malloc(size);
+    own->buffer = LargeBlockCache::allocate(size);
     own->size = own->buffer ? size : 0;
     adviseHugePages(own->buffer, own->size);
     return own->buffer;
@@ -208,9 +209,20 @@ void* ownMemcpy(void* dest, const void* src, size_t size, H5FD_file_image_op_t, 
     return std::memcpy(dest, src, size);
 }
 
+// Growth into a kept block copies what the image holds so far, which is little: the first write
+// of a large dataset is what makes the image large.
 void* ownRealloc(void* buffer, size_t size, H5FD_file_image_op_t, void* udata) {
     auto* own = static_cast<OwnImage*>(udata);
-    void* moved = std::realloc(buffer, size);
+    void* moved = nullptr;
+    void* kept = size > own->size ? LargeBlockCache::take(size) : nullptr;
+    if (kept) {
+        if (buffer)
+            std::memcpy(kept, buffer, own->size);
+        std::free(buffer);
+        moved = kept;
+    } else {
+        moved = std::realloc(buffer, size);
+    }
     if (moved) {
         own->buffer = moved;
         own->size = size;
@@ -225,7 +237,7 @@ herr_t ownFree(void* buffer, H5FD_file_image_op_t, void* udata) {
         own->handedOver = buffer;
         own->handedOverSize = own->size;
     } else
-        std::free(buffer);
+        LargeBlockCache::release(buffer);
     if (buffer == own->buffer)
         own->buffer = nullptr;
     return 0;
@@ -550,8 +562,8 @@ int KSHLgetMemoryFile(int handle, uint64_t& size, const unsigned char*& block) {
         return 0;
     MemoryFile& entry = found->second;
     if (entry.imageSize != static_cast<std::size_t>(length)) {
-        entry.image.reset(
-            static_cast<unsigned char*>(std::malloc(static_cast<std::size_t>(length))));
+        entry.image.reset(static_cast<unsigned char*>(
+            LargeBlockCache::allocate(static_cast<std::size_t>(length))));
         entry.imageSize = entry.image ? static_cast<std::size_t>(length) : 0;
         if (!entry.image)
             return 0;
@@ -582,7 +594,12 @@ int KSHLcloseMemoryFileTakingImage(int handle, uint64_t& size, unsigned char*& b
     uint64_t length = imageLength(image.get(), own->handedOverSize);
     if (length == 0 || length > own->handedOverSize)
         return 0;
-    if (void* fitted = std::realloc(image.get(), static_cast<std::size_t>(length))) {
+    // A large image with little slack keeps it, so that the block fits the next image of its
+    // size once it is released for reuse.
+    const uint64_t slack = own->handedOverSize - length;
+    const bool fit = length < LargeBlockCache::c_smallestKept || slack > length / 16;
+    if (void* fitted =
+            fit ? std::realloc(image.get(), static_cast<std::size_t>(length)) : nullptr) {
         (void)image.release();
         image.reset(static_cast<unsigned char*>(fitted));
     }

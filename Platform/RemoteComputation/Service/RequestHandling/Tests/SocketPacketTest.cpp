@@ -3,6 +3,7 @@
 #include "Platform/RemoteComputation/Service/RequestHandling/ArchSocketPacket.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/BinarySocketPacket.h"
 #include "Platform/RemoteComputation/Service/RequestHandling/SocketPacket.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LargeBlockCache.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/LogCapture.h"
 
 #include <boost/lexical_cast.hpp>
@@ -240,6 +241,40 @@ TEST(BinarySocketPacketTest, LargeBlockArrivesWholeAcrossGrowthSteps) {
     EXPECT_EQ(std::memcmp(received->getData(), block.data(), block.size()), 0);
     EXPECT_EQ(*SocketPacket::receive(*pair.server, "peer")->getData(), "PING");
     std::free(received->getData());
+}
+
+TEST(BinarySocketPacketTest, AKeptLargeBlockTakesTheWholeBlockAndGoesBackOnFailure) {
+    LargeBlockCache::clear();
+    const std::size_t size = 6u << 20;
+    void* kept = std::malloc(size);
+    LargeBlockCache::release(kept);
+    LoopbackPair pair;
+    std::string block(size, '\0');
+    for (size_t i = 0; i < block.size(); ++i)
+        block[i] = static_cast<char>(i * 7);
+    std::thread writer([&] { pair.writeRaw(pair.client, block); });
+    auto received = BinarySocketPacket::receive(block.size(), *pair.server, "peer");
+    writer.join();
+    EXPECT_EQ(static_cast<void*>(received->getData()), kept);
+    ASSERT_EQ(received->getSize(), block.size());
+    EXPECT_EQ(std::memcmp(received->getData(), block.data(), block.size()), 0);
+    EXPECT_EQ(LargeBlockCache::keptCount(), 0u);
+
+    // Cut short: the block goes back to be kept, not to the caller.
+    LargeBlockCache::release(received->getData());
+    pair.writeRaw(pair.client, "0123456789");
+    pair.closeClientWrite();
+    try {
+        BinarySocketPacket::receive(size, *pair.server, "peer");
+        FAIL() << "a block of 10 bytes passed for one of " << size;
+    } catch (const Computing::Error& e) {
+        EXPECT_STREQ(e.what(), ("receive of a block of " + std::to_string(size) +
+                                " bytes from peer: the connection ended after fewer than " +
+                                std::to_string(size) + " bytes")
+                                   .c_str());
+    }
+    EXPECT_EQ(LargeBlockCache::keptCount(), 1u);
+    LargeBlockCache::clear();
 }
 
 TEST(BinarySocketPacketTest, ToStringNamesSizeAndAddress) {

@@ -1,0 +1,107 @@
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/LargeBlockCache.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+using namespace Kestrane;
+
+namespace {
+
+constexpr std::size_t c_large = 8u << 20;
+
+class LargeBlockCacheTest : public ::testing::Test {
+protected:
+    void SetUp() override { LargeBlockCache::clear(); }
+    void TearDown() override { LargeBlockCache::clear(); }
+};
+
+TEST_F(LargeBlockCacheTest, ALargeReleasedBlockIsTakenAgainForTheSameSize) {
+    void* block = std::malloc(c_large);
+    ASSERT_NE(block, nullptr);
+    LargeBlockCache::release(block);
+    EXPECT_EQ(LargeBlockCache::keptCount(), 1u);
+    void* again = LargeBlockCache::allocate(c_large);
+    EXPECT_EQ(again, block);
+    EXPECT_EQ(LargeBlockCache::keptCount(), 0u);
+    std::memset(again, 0x5a, c_large); // present and writable to its end
+    std::free(again);                  // plain malloc'ed memory
+}
+
+TEST_F(LargeBlockCacheTest, SmallBlocksAndNullAreNotKept) {
+    LargeBlockCache::release(std::malloc(LargeBlockCache::c_smallestKept / 2));
+    LargeBlockCache::release(nullptr);
+    EXPECT_EQ(LargeBlockCache::keptCount(), 0u);
+    EXPECT_EQ(LargeBlockCache::take(1024), nullptr);
+}
+
+TEST_F(LargeBlockCacheTest, ABlockIsTakenOnlyWhenItHoldsTheSizeAndNotTwiceAsMuch) {
+    void* block = std::malloc(c_large);
+    LargeBlockCache::release(block);
+    EXPECT_EQ(LargeBlockCache::take(c_large + (1u << 20)), nullptr);     // too small
+    EXPECT_EQ(LargeBlockCache::take(c_large / 2 - (1u << 20)), nullptr); // far too large
+    EXPECT_EQ(LargeBlockCache::keptCount(), 1u);
+    void* taken = LargeBlockCache::take(c_large / 2 + (1u << 20));
+    EXPECT_EQ(taken, block);
+    std::free(taken);
+}
+
+TEST_F(LargeBlockCacheTest, TheSmallestFittingBlockIsTaken) {
+    void* larger = std::malloc(c_large + (2u << 20));
+    void* smaller = std::malloc(c_large);
+    LargeBlockCache::release(larger);
+    LargeBlockCache::release(smaller);
+    void* taken = LargeBlockCache::take(c_large);
+    EXPECT_EQ(taken, smaller);
+    std::free(taken);
+}
+
+TEST_F(LargeBlockCacheTest, BeyondTheMostBlocksAReleasedBlockIsFreed) {
+    for (std::size_t i = 0; i < LargeBlockCache::c_maxKeptBlocks + 2; ++i)
+        LargeBlockCache::release(std::malloc(c_large));
+    EXPECT_EQ(LargeBlockCache::keptCount(), LargeBlockCache::c_maxKeptBlocks);
+}
+
+TEST_F(LargeBlockCacheTest, KeptBlocksAreFreedAfterTheKeepTime) {
+    LargeBlockCache::release(std::malloc(c_large));
+    ASSERT_EQ(LargeBlockCache::keptCount(), 1u);
+    const auto start = std::chrono::steady_clock::now();
+    const auto limit = start + LargeBlockCache::c_keepTime + std::chrono::seconds(2);
+    while (LargeBlockCache::keptCount() != 0 && std::chrono::steady_clock::now() < limit)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(LargeBlockCache::keptCount(), 0u);
+    EXPECT_GE(took, LargeBlockCache::c_keepTime - std::chrono::milliseconds(50));
+    // A later release starts the trimming again.
+    LargeBlockCache::release(std::malloc(c_large));
+    EXPECT_EQ(LargeBlockCache::keptCount(), 1u);
+}
+
+TEST_F(LargeBlockCacheTest, ThreadsReleaseAndTakeAtOnce) {
+    std::atomic<int> finished{0}; // threads that got through every round
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 50; ++i) {
+                void* block = LargeBlockCache::allocate(c_large);
+                ASSERT_NE(block, nullptr);
+                static_cast<char*>(block)[c_large - 1] = 1;
+                if (i % 2)
+                    LargeBlockCache::release(block);
+                else
+                    std::free(block);
+            }
+            finished.fetch_add(1);
+        });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(finished.load(), 4);
+    EXPECT_LE(LargeBlockCache::keptCount(), LargeBlockCache::c_maxKeptBlocks);
+}
+
+} // namespace
