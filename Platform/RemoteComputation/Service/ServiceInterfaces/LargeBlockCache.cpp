@@ -3,11 +3,8 @@
 
 #include <malloc.h>
 
-#include <algorithm>
-#include <condition_variable>
 #include <cstdlib>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 namespace Kestrane {
@@ -22,101 +19,105 @@ struct Kept {
     Clock::time_point since;
 };
 
-// The kept blocks, and a thread that frees those kept too long; the thread runs only while
-// something is kept. Never destroyed: blocks may be released from static destructors, and the
-// thread may be waiting when the process ends.
+// The kept blocks. There is no thread to free those kept too long: each use of the cache does,
+// since a thread that frees while another forks leaves the child's allocator locked under some
+// allocators (the sanitizers'), and the library forks to check received files. Never destroyed:
+// blocks may be released from static destructors.
 class Cache {
 public:
     void* take(std::size_t size) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        auto best = m_kept.end();
-        for (auto it = m_kept.begin(); it != m_kept.end(); ++it)
-            if (it->size >= size && it->size / 2 <= size &&
-                (best == m_kept.end() || it->size < best->size))
-                best = it;
-        if (best == m_kept.end())
-            return nullptr;
-        void* block = best->block;
-        m_keptBytes -= best->size;
-        m_kept.erase(best);
-        lock.unlock();
-        // Pages of a block that went through a fork are write-protected until written again.
+        std::vector<void*> expired;
+        void* block = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            expire(expired);
+            auto best = m_kept.end();
+            for (auto it = m_kept.begin(); it != m_kept.end(); ++it)
+                if (it->size >= size && it->size / 2 <= size &&
+                    (best == m_kept.end() || it->size < best->size))
+                    best = it;
+            if (best != m_kept.end()) {
+                block = best->block;
+                m_keptBytes -= best->size;
+                m_kept.erase(best);
+            }
+        }
+        freeAll(expired);
+        // Pages that the kernel took back while the block was kept, or that went through a
+        // fork, come back here in one call.
         populateForWrite(block, size);
         return block;
     }
 
     void release(void* block) {
         const std::size_t size = malloc_usable_size(block);
+        std::vector<void*> expired;
+        bool kept = false;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
+            expire(expired);
             if (size >= LargeBlockCache::c_smallestKept &&
                 m_kept.size() < LargeBlockCache::c_maxKeptBlocks &&
                 m_keptBytes + size <= LargeBlockCache::c_maxKeptBytes) {
                 m_kept.push_back({block, size, Clock::now()});
                 m_keptBytes += size;
-                startTrimmer();
-                return;
+                kept = true;
             }
         }
-        std::free(block);
+        freeAll(expired);
+        if (kept)
+            allowReclaim(block, size);
+        else
+            std::free(block);
     }
 
     void clear() {
-        std::vector<Kept> left;
+        std::vector<void*> left;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            left.swap(m_kept);
+            for (const Kept& kept : m_kept)
+                left.push_back(kept.block);
+            m_kept.clear();
             m_keptBytes = 0;
         }
-        m_changed.notify_all();
         freeAll(left);
     }
 
     std::size_t count() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_kept.size();
+        std::vector<void*> expired;
+        std::size_t count = 0;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            expire(expired);
+            count = m_kept.size();
+        }
+        freeAll(expired);
+        return count;
     }
 
 private:
-    static void freeAll(const std::vector<Kept>& blocks) {
-        for (const Kept& kept : blocks)
-            std::free(kept.block);
-    }
-
-    // Under m_mutex. Detached: the cache outlives it, and nothing waits for it to end.
-    void startTrimmer() {
-        if (m_trimming)
-            return;
-        m_trimming = true;
-        std::thread([this] { trim(); }).detach();
-    }
-
-    void trim() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        while (!m_kept.empty()) {
-            const auto oldest =
-                std::min_element(m_kept.begin(), m_kept.end(),
-                                 [](const Kept& a, const Kept& b) { return a.since < b.since; });
-            const auto due = oldest->since + LargeBlockCache::c_keepTime;
-            if (Clock::now() < due) {
-                m_changed.wait_until(lock, due);
-                continue;
+    // Under m_mutex: moves the blocks kept too long to `expired`, to be freed outside the lock.
+    void expire(std::vector<void*>& expired) {
+        const auto now = Clock::now();
+        for (auto it = m_kept.begin(); it != m_kept.end();) {
+            if (now - it->since >= LargeBlockCache::c_keepTime) {
+                expired.push_back(it->block);
+                m_keptBytes -= it->size;
+                it = m_kept.erase(it);
+            } else {
+                ++it;
             }
-            void* block = oldest->block;
-            m_keptBytes -= oldest->size;
-            m_kept.erase(oldest);
-            lock.unlock();
-            std::free(block);
-            lock.lock();
         }
-        m_trimming = false;
+    }
+
+    static void freeAll(const std::vector<void*>& blocks) {
+        for (void* block : blocks)
+            std::free(block);
     }
 
     std::mutex m_mutex;
-    std::condition_variable m_changed;
     std::vector<Kept> m_kept;
     std::size_t m_keptBytes = 0;
-    bool m_trimming = false;
 };
 
 Cache& cache() {

@@ -12,8 +12,8 @@ namespace Kestrane {
 // next large allocation of a similar size takes it instead.
 //
 // Every block is plain malloc'ed memory: whoever gets one may free it with std::free, and any
-// malloc'ed block may be released here. Kept blocks are freed after `c_keepTime` without use, so
-// a process holds no memory for long after its last transfer.
+// malloc'ed block may be released here. A kept block's pages are the kernel's to take back under
+// memory pressure, and the first use of the cache after `c_keepTime` frees it.
 class LargeBlockCache {
 public:
     // Smaller blocks come from the heap, where fresh pages are rare.
@@ -30,7 +30,8 @@ public:
     // Keeps a malloc'ed block (null is ignored) when it is large and there is room, else frees it.
     static void release(void* block);
 
-    // For tests: frees every kept block, and how many are kept.
+    // For tests: frees every kept block, and how many are kept (after freeing those kept too
+    // long).
     static void clear();
     static std::size_t keptCount();
 };

@@ -38,4 +38,8 @@ void populateForWrite(void* block, std::size_t size) {
     adviseWholePages(block, size, MADV_POPULATE_WRITE);
 }
 
+void allowReclaim(void* block, std::size_t size) {
+    adviseWholePages(block, size, MADV_FREE);
+}
+
 } // namespace Kestrane

@@ -21,4 +21,9 @@ void adviseHugePages(void* block, std::size_t size);
 // kernel support nothing changes, and nothing fails.
 void populateForWrite(void* block, std::size_t size);
 
+// A block whose contents no longer matter, kept for reuse: lets the kernel take its pages back
+// under memory pressure. Pages it takes come back zeroed when they are next touched; pages it
+// leaves stay as they are, at no cost. For blocks large enough for it to pay.
+void allowReclaim(void* block, std::size_t size);
+
 } // namespace Kestrane

@@ -38,6 +38,27 @@ std::string flagsOfMappingAt(const void* address) {
     return "";
 }
 
+// The LazyFree line of the mapping that holds `address`, in kB: pages the kernel may take back.
+long lazyFreeKbOfMappingAt(const void* address) {
+    const auto at = reinterpret_cast<uintptr_t>(address);
+    std::ifstream smaps("/proc/self/smaps");
+    std::string line;
+    bool inside = false;
+    while (std::getline(smaps, line)) {
+        uintptr_t from = 0, to = 0;
+        char dash = 0;
+        std::istringstream range(line);
+        if (line.find("LazyFree:") == 0) {
+            if (inside)
+                return std::stol(line.substr(9));
+        } else if (range >> std::hex >> from >> dash >> to && dash == '-' &&
+                   line.find(' ') != std::string::npos && from < to) {
+            inside = from <= at && at < to;
+        }
+    }
+    return -1;
+}
+
 bool advised(const void* address) {
     std::istringstream flags(flagsOfMappingAt(address));
     std::string flag;
@@ -98,4 +119,21 @@ TEST(MemoryAdviceTest, ALargeBlockIsPresentBeforeItIsWritten) {
     EXPECT_EQ(block[size / 3], 9);
     std::free(block);
     populateForWrite(nullptr, size);
+}
+
+TEST(MemoryAdviceTest, AKeptBlocksPagesAreTheKernelsToTakeBackUntilWrittenAgain) {
+    constexpr std::size_t size = 16u << 20;
+    auto* block = static_cast<unsigned char*>(std::malloc(size));
+    ASSERT_NE(block, nullptr);
+    std::memset(block, 5, size);
+    EXPECT_EQ(lazyFreeKbOfMappingAt(block + size / 2), 0);
+    allowReclaim(block, size);
+    // All but the partial pages at the ends.
+    EXPECT_GE(lazyFreeKbOfMappingAt(block + size / 2), static_cast<long>(size / 1024) - 64);
+    // Written again, the pages are the block's once more.
+    std::memset(block, 6, size);
+    EXPECT_EQ(lazyFreeKbOfMappingAt(block + size / 2), 0);
+    EXPECT_EQ(block[size - 1], 6);
+    std::free(block);
+    allowReclaim(nullptr, size);
 }
