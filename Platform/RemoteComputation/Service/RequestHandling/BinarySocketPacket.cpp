@@ -14,7 +14,19 @@ namespace Kestrane {
 
 namespace {
 Logging s_logging(__FILE__);
+
+// Grows `data`, which holds `done` bytes, by `chunk` bytes made present for the receive; frees it
+// and throws when there is no memory.
+char* grow(char* data, unsigned long done, unsigned long chunk) {
+    char* grown = static_cast<char*>(std::realloc(data, done + chunk));
+    if (!grown) {
+        std::free(data);
+        throw std::bad_alloc();
+    }
+    populateForWrite(grown + done, chunk);
+    return grown;
 }
+} // namespace
 
 BinarySocketPacket::BinarySocketPacket(char* data, unsigned long size, bool cachePacket)
     : AbstractSocketPacket(cachePacket), m_size(size), m_data(data) {}
@@ -51,15 +63,8 @@ std::shared_ptr<BinarySocketPacket> BinarySocketPacket::receive(unsigned long si
     unsigned long done = 0;
     while (done < size) {
         const unsigned long chunk = kept ? size : std::min(size - done, std::max(c_step, done));
-        if (!kept) {
-            char* grown = static_cast<char*>(std::realloc(data, done + chunk));
-            if (!grown) {
-                std::free(data);
-                throw std::bad_alloc();
-            }
-            data = grown;
-            populateForWrite(data + done, chunk);
-        }
+        if (!kept)
+            data = grow(data, done, chunk);
         if (!socket.receiveDataBlock(data + done, chunk)) {
             LargeBlockCache::release(data);
             throw Computing::Error(

@@ -16,9 +16,9 @@ using namespace Kestrane;
 
 namespace {
 
-// The VmFlags line of the mapping that holds `address`, from /proc/self/smaps; "hg" marks
-// huge page advice.
-std::string flagsOfMappingAt(const void* address) {
+// The line of /proc/self/smaps that starts with `field` in the entry of the mapping that holds
+// `address`; empty when there is none.
+std::string smapsLineOfMappingAt(const void* address, const std::string& field) {
     const auto at = reinterpret_cast<uintptr_t>(address);
     std::ifstream smaps("/proc/self/smaps");
     std::string line;
@@ -27,7 +27,7 @@ std::string flagsOfMappingAt(const void* address) {
         uintptr_t from = 0, to = 0;
         char dash = 0;
         std::istringstream range(line);
-        if (line.find("VmFlags:") == 0) {
+        if (line.find(field) == 0) {
             if (inside)
                 return line;
         } else if (range >> std::hex >> from >> dash >> to && dash == '-' &&
@@ -38,25 +38,15 @@ std::string flagsOfMappingAt(const void* address) {
     return "";
 }
 
-// The LazyFree line of the mapping that holds `address`, in kB: pages the kernel may take back.
+// The VmFlags line; "hg" marks huge page advice.
+std::string flagsOfMappingAt(const void* address) {
+    return smapsLineOfMappingAt(address, "VmFlags:");
+}
+
+// The LazyFree figure, in kB: pages the kernel may take back. -1 when there is none.
 long lazyFreeKbOfMappingAt(const void* address) {
-    const auto at = reinterpret_cast<uintptr_t>(address);
-    std::ifstream smaps("/proc/self/smaps");
-    std::string line;
-    bool inside = false;
-    while (std::getline(smaps, line)) {
-        uintptr_t from = 0, to = 0;
-        char dash = 0;
-        std::istringstream range(line);
-        if (line.find("LazyFree:") == 0) {
-            if (inside)
-                return std::stol(line.substr(9));
-        } else if (range >> std::hex >> from >> dash >> to && dash == '-' &&
-                   line.find(' ') != std::string::npos && from < to) {
-            inside = from <= at && at < to;
-        }
-    }
-    return -1;
+    const std::string line = smapsLineOfMappingAt(address, "LazyFree:");
+    return line.empty() ? -1 : std::stol(line.substr(9));
 }
 
 bool advised(const void* address) {
