@@ -12,8 +12,7 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/XmlUtils.h"
 
 #include <boost/lexical_cast.hpp>
-#include <xercesc/dom/DOMDocument.hpp>
-#include <xercesc/dom/DOMElement.hpp>
+#include <xercesc/sax2/Attributes.hpp>
 
 namespace {
 Kestrane::Logging s_logging(__FILE__);
@@ -23,12 +22,17 @@ namespace Kestrane {
 
 namespace {
 
-struct DocumentReleaser {
-    void operator()(xercesc::DOMDocument* document) const {
-        if (document)
-            document->release();
-    }
+// The attributes of an element that may name an attachment.
+struct Link {
+    std::string id;
+    std::string href;
+    std::string dataSize;
+    bool forceTransfer = false;
 };
+
+std::string attributeValue(const xercesc::Attributes& attributes, const XMLCh* name) {
+    return XmlUtils::transcode(attributes.getValue(name));
+}
 
 bool startsWith(const std::string& text, const std::string& prefix) {
     return text.compare(0, prefix.size(), prefix) == 0;
@@ -62,14 +66,12 @@ bool makePortable(std::string& text, const std::string& id, std::string& href,
     return true;
 }
 
-void visit(xercesc::DOMElement* element, std::string& text, bool& hasFiles,
+void visit(Link link, std::string& text, bool& hasFiles,
            std::vector<std::shared_ptr<Attachment>>& attachments) {
-    std::string id = XmlUtils::getAttribute("id", element);
-    std::string href = XmlUtils::getAttribute("href", element);
-    std::string dataSize = XmlUtils::getAttribute("dataSize", element);
-    bool forceTransfer = XmlUtils::hasAttribute("forceTransfer", element)
-                             ? XmlUtils::toBool(XmlUtils::getAttribute("forceTransfer", element))
-                             : false;
+    const std::string& id = link.id;
+    std::string& href = link.href;
+    std::string& dataSize = link.dataSize;
+    const bool forceTransfer = link.forceTransfer;
 
     const bool converted = !id.empty() && !dataSize.empty() && href.size() > 6 &&
                            startsWith(href, "dha://") && makePortable(text, id, href, dataSize);
@@ -115,25 +117,18 @@ Attachment::createAttachments(std::string& text, bool& hasFiles, bool isRequest)
                            " " + RequestXmlHelper::getNamespaceDeclarations() + ">\n" + text +
                            "</" + root + ">\n";
     try {
-        std::unique_ptr<xercesc::DOMDocument, DocumentReleaser> parsed(
-            RequestXmlHelper::getInstance()->parse(document));
-        xercesc::DOMElement* element = parsed ? parsed->getDocumentElement() : nullptr;
-        // Document order without recursion: down first, then along, then back up.
-        while (element) {
-            visit(element, text, hasFiles, *attachments);
-            if (xercesc::DOMElement* child = element->getFirstElementChild()) {
-                element = child;
-                continue;
-            }
-            while (element && !element->getNextElementSibling()) {
-                xercesc::DOMNode* parent = element->getParentNode();
-                element = parent && parent->getNodeType() == xercesc::DOMNode::ELEMENT_NODE
-                              ? static_cast<xercesc::DOMElement*>(parent)
-                              : nullptr;
-            }
-            if (element)
-                element = element->getNextElementSibling();
-        }
+        // Only a valid document makes attachments: the links are collected while it validates
+        // and acted on once the whole of it has.
+        std::vector<Link> links;
+        RequestXmlHelper::getInstance()->scan(document, [&](const xercesc::Attributes& element) {
+            Link link{attributeValue(element, u"id"), attributeValue(element, u"href"),
+                      attributeValue(element, u"dataSize"),
+                      XmlUtils::toBool(attributeValue(element, u"forceTransfer"))};
+            if (!link.id.empty())
+                links.push_back(std::move(link));
+        });
+        for (Link& link : links)
+            visit(std::move(link), text, hasFiles, *attachments);
     } catch (const KsExceptionNested& e) {
         KS_ERROR("Exception parsing attachments: " << e.what());
         throw;

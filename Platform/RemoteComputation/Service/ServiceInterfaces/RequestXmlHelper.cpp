@@ -7,9 +7,11 @@
 #include <xercesc/dom/DOMException.hpp>
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/framework/XMLGrammarPoolImpl.hpp>
+#include <xercesc/parsers/SAX2XMLReaderImpl.hpp>
 #include <xercesc/parsers/XercesDOMParser.hpp>
 #include <xercesc/sax/ErrorHandler.hpp>
 #include <xercesc/sax/SAXParseException.hpp>
+#include <xercesc/sax2/DefaultHandler.hpp>
 #include <xercesc/util/OutOfMemoryException.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/SecurityManager.hpp>
@@ -42,6 +44,22 @@ public:
     void fatalError(const xercesc::SAXParseException& e) override { throw e; }
     void resetErrors() override {}
 };
+
+// Hands each element's attributes to the scan that is running.
+class ElementForwarder : public xercesc::DefaultHandler {
+public:
+    const std::function<void(const xercesc::Attributes&)>* onElement = nullptr;
+
+    void startElement(const XMLCh* const, const XMLCh* const, const XMLCh* const,
+                      const xercesc::Attributes& attributes) override {
+        (*onElement)(attributes);
+    }
+};
+
+[[noreturn]] void failParse(const std::string& failure) {
+    KS_DEBUG(failure);
+    KS_THROW(failure.c_str(), c_source, "Kestrane::RequestXmlHelper::parse");
+}
 
 std::string describe(const xercesc::SAXParseException& e) {
     std::ostringstream text;
@@ -84,11 +102,19 @@ struct RequestXmlHelper::Parser {
     ThrowingErrorHandler errorHandler;
     xercesc::SecurityManager securityManager;
     std::unique_ptr<xercesc::XercesDOMParser> parser;
+    // Validates on the same grammar for readers that need no document.
+    std::unique_ptr<xercesc::SAX2XMLReaderImpl> reader;
+    ElementForwarder forwarder;
 
-    ~Parser() { parser.reset(); }
+    ~Parser() { dropParsers(); }
+
+    void dropParsers() {
+        reader.reset();
+        parser.reset();
+    }
 
     void useSchema(const std::shared_ptr<CompiledSchema>& current) {
-        parser.reset();
+        dropParsers();
         schema = current->taken.exchange(true) ? compile(current->text, current->version) : current;
         // Made after the pool was locked: a parser built on an unlocked pool writes to it.
         parser = std::make_unique<xercesc::XercesDOMParser>(
@@ -108,6 +134,20 @@ struct RequestXmlHelper::Parser {
         parser->setLoadExternalDTD(false);
         parser->setDisableDefaultEntityResolution(true);
         parser->setSecurityManager(&securityManager);
+
+        reader = std::make_unique<xercesc::SAX2XMLReaderImpl>(
+            xercesc::XMLPlatformUtils::fgMemoryManager, schema->pool.get());
+        reader->setErrorHandler(&errorHandler);
+        reader->setContentHandler(&forwarder);
+        reader->setFeature(xercesc::XMLUni::fgSAX2CoreValidation, true);
+        reader->setFeature(xercesc::XMLUni::fgXercesDynamic, false);
+        reader->setFeature(xercesc::XMLUni::fgSAX2CoreNameSpaces, true);
+        reader->setFeature(xercesc::XMLUni::fgXercesSchema, true);
+        reader->setFeature(xercesc::XMLUni::fgXercesLoadSchema, false);
+        reader->setFeature(xercesc::XMLUni::fgXercesUseCachedGrammarInParse, true);
+        reader->setFeature(xercesc::XMLUni::fgXercesLoadExternalDTD, false);
+        reader->setFeature(xercesc::XMLUni::fgXercesDisableDefaultEntityResolution, true);
+        reader->setProperty(xercesc::XMLUni::fgXercesSecurityManager, &securityManager);
     }
 };
 
@@ -234,19 +274,17 @@ void RequestXmlHelper::giveBack(std::unique_ptr<Parser> parser) {
     m_parserReturned.notify_one();
 }
 
-xercesc::DOMDocument* RequestXmlHelper::parse(const std::string& text) {
+void RequestXmlHelper::withParser(const std::function<void(Parser&)>& parse) {
     std::unique_ptr<Parser> lent = borrowParser();
     struct GiveBack {
         RequestXmlHelper& helper;
         std::unique_ptr<Parser>& parser;
         ~GiveBack() { helper.giveBack(std::move(parser)); }
     } giveBackAtEnd{*this, lent};
-    xercesc::XercesDOMParser& parser = *lent->parser;
     std::string failure;
     try {
-        xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()),
-                                          text.size(), "RequestXmlHelper", false);
-        parser.parse(source);
+        parse(*lent);
+        return;
     } catch (const xercesc::SAXParseException& e) {
         failure = "Error parsing XML document at " + describe(e);
     } catch (const xercesc::XMLException& e) {
@@ -256,16 +294,32 @@ xercesc::DOMDocument* RequestXmlHelper::parse(const std::string& text) {
     } catch (const xercesc::OutOfMemoryException&) {
         failure = "Out of memory while parsing XML document.";
     }
-    if (failure.empty()) {
-        xercesc::DOMDocument* document = parser.adoptDocument();
-        if (document)
-            return document;
-        failure = "Error parsing XML document: the parser returned no document.";
-    }
-    // The partial document stays with the parser until it is dropped here.
-    parser.resetDocumentPool();
-    KS_DEBUG(failure);
-    KS_THROW(failure.c_str(), c_source, "Kestrane::RequestXmlHelper::parse");
+    // A partial document stays with the parser until it is dropped here.
+    lent->parser->resetDocumentPool();
+    failParse(failure);
+}
+
+xercesc::DOMDocument* RequestXmlHelper::parse(const std::string& text) {
+    xercesc::DOMDocument* document = nullptr;
+    withParser([&](Parser& lent) {
+        xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()),
+                                          text.size(), "RequestXmlHelper", false);
+        lent.parser->parse(source);
+        document = lent.parser->adoptDocument();
+    });
+    if (!document)
+        failParse("Error parsing XML document: the parser returned no document.");
+    return document;
+}
+
+void RequestXmlHelper::scan(const std::string& text,
+                            const std::function<void(const xercesc::Attributes&)>& onElement) {
+    withParser([&](Parser& lent) {
+        xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()),
+                                          text.size(), "RequestXmlHelper", false);
+        lent.forwarder.onElement = &onElement;
+        lent.reader->parse(source);
+    });
 }
 
 std::string RequestXmlHelper::getSchemaText() const {

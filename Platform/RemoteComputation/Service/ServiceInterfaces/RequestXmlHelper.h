@@ -3,9 +3,11 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/AbstractRequestSchema.h"
 
 #include <xercesc/dom/DOMDocument.hpp>
+#include <xercesc/sax2/Attributes.hpp>
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -44,6 +46,13 @@ public:
     // Safe from many threads at once.
     xercesc::DOMDocument* parse(const std::string& text);
 
+    // Validates a whole document as parse() does, without building it: `onElement` sees each
+    // element's attributes (defaults filled in) in document order, as the parse reaches it. A
+    // fault throws as parse() does, after the elements before it were seen; a reader that acts
+    // on what it sees collects first and acts once scan() returns.
+    void scan(const std::string& text,
+              const std::function<void(const xercesc::Attributes&)>& onElement);
+
     // The whole schema as it stands, for diagnostics.
     std::string getSchemaText() const;
     // Starts at 1 for the base schema and counts the fragments added.
@@ -65,6 +74,8 @@ private:
     std::unique_ptr<Parser> borrowParser();
     // Null: the parser was lost (its rebuild failed), one more may be made.
     void giveBack(std::unique_ptr<Parser> parser);
+    // Runs `parse` on a borrowed parser; Xerces' exceptions become KsExceptionNested.
+    void withParser(const std::function<void(Parser&)>& parse);
 
     mutable std::mutex m_addMutex; // serialises addSchema, guards m_fragments
     std::vector<std::string> m_fragments;

@@ -210,6 +210,36 @@ TEST(AttachmentTest, FailedConversionLeavesTheDhaLinkAndMakesNoAttachment) {
     EXPECT_EQ(text, original);
 }
 
+// Links are acted on only once the whole text has proved valid: a fault after them converts no
+// dha block and reports no missing file.
+TEST(AttachmentTest, AFaultAfterTheLinksLeavesEveryLinkAlone) {
+    constexpr std::size_t c_count = 100;
+    double* array = mallocArray<double>(c_count, 3);
+    std::vector<double> expected(array, array + c_count);
+    std::string dha = *XLinkDataEncoder::encode<double>("values", "8-byte double", array, c_count,
+                                                        false, XLinkProtocol::dha, nullptr, false);
+    std::string missing =
+        *XLinkFileEncoder::encode("gone", FileName("/no/such/dir/gone.bin"), false, false);
+    std::string text = replyText(dha + "\n" + missing + "\n<unknown/>");
+    const std::string original = text;
+    bool hasFiles = true;
+    LogCapture capture;
+    try {
+        create(text, hasFiles);
+        ADD_FAILURE() << "an invalid text was accepted";
+    } catch (const KsExceptionNested& e) {
+        EXPECT_EQ(std::string(e.what()).rfind("Error parsing XML document at line 6, column ", 0),
+                  0u)
+            << e.what();
+    }
+    EXPECT_EQ(text, original);
+    EXPECT_FALSE(hasFiles);
+    EXPECT_FALSE(capture.containsSubstring("does not exist"));
+    // The block is still the caller's, untouched.
+    EXPECT_EQ(std::vector<double>(array, array + c_count), expected);
+    std::free(array);
+}
+
 TEST(AttachmentTest, MalformedTextsThrowAndNeverCrash) {
     LogCapture capture;
     const std::vector<std::string> bad = {

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,6 +40,25 @@ public:
                         element +
                         "\" type=\"xs:string\"/>\n"
                         "        </xs:sequence>\n"
+                        "      </xs:extension>\n"
+                        "    </xs:complexContent>\n"
+                        "  </xs:complexType>\n";
+    }
+};
+
+// A fragment declaring a request type whose attribute `mode` defaults to "fast".
+class DefaultedAttributeSchema : public AbstractRequestSchema {
+public:
+    DefaultedAttributeSchema() {
+        m_schemaText += "  <!-- DefaultedAttributeSchema -->\n"
+                        "  <xs:complexType name=\"DefaultedRequest\">\n"
+                        "    <xs:complexContent>\n"
+                        "      <xs:extension base=\"ksrq:Request\">\n"
+                        "        <xs:sequence>\n"
+                        "          <xs:element name=\"value\" type=\"xs:string\"/>\n"
+                        "        </xs:sequence>\n"
+                        "        <xs:attribute name=\"mode\" type=\"xs:string\" "
+                        "default=\"fast\"/>\n"
                         "      </xs:extension>\n"
                         "    </xs:complexContent>\n"
                         "  </xs:complexType>\n";
@@ -80,6 +100,28 @@ bool parses(const std::string& text) {
     } catch (const KsExceptionNested&) {
         return false;
     }
+}
+
+// What a scan saw: for each element, its attributes as name=value, in their order.
+std::vector<std::string> scanned(const std::string& text) {
+    std::vector<std::string> elements;
+    RequestXmlHelper::getInstance()->scan(text, [&](const xercesc::Attributes& attributes) {
+        std::string element;
+        for (XMLSize_t i = 0; i < attributes.getLength(); ++i)
+            element += (i ? " " : "") + XmlUtils::transcode(attributes.getQName(i)) + "=" +
+                       XmlUtils::transcode(attributes.getValue(i));
+        elements.push_back(element);
+    });
+    return elements;
+}
+
+std::string parseFailure(const std::string& text) {
+    try {
+        Document document(RequestXmlHelper::getInstance()->parse(text));
+    } catch (const KsExceptionNested& e) {
+        return e.getMessage();
+    }
+    return "";
 }
 
 } // namespace
@@ -277,6 +319,106 @@ TEST(RequestXmlHelperTest, ConcurrentParsingWhileFragmentsAreAdded) {
     for (int i = 0; i < fragmentCount; ++i)
         EXPECT_TRUE(parses(requestDocument("ConcurrentRequest" + std::to_string(i), "value", "x")))
             << i;
+}
+
+TEST(RequestXmlHelperTest, ScanSeesEachElementsAttributesInDocumentOrderWithDefaults) {
+    RequestXmlHelper* helper = RequestXmlHelper::getInstance();
+    helper->addSchema(DefaultedAttributeSchema());
+    std::string text = requestDocument("DefaultedRequest", "value", "v");
+    std::string id = text.substr(text.find(" id=\"") + 5, 50);
+    ASSERT_TRUE(UniqueID::isValid(id)) << id;
+
+    // The root's namespace declarations are no attributes; `mode` comes from the schema.
+    EXPECT_EQ(scanned(text), (std::vector<std::string>{
+                                 "", "xsi:type=DefaultedRequest id=" + id + " mode=fast", ""}));
+    // The document that parse() builds has the same default.
+    Document document(helper->parse(text));
+    xercesc::DOMElement* request = XmlUtils::getElement("request", document->getDocumentElement());
+    EXPECT_EQ(XmlUtils::getAttribute("mode", request), "fast");
+
+    std::string fastOverridden = text;
+    fastOverridden.insert(fastOverridden.find(" id=\""), " mode=\"slow\"");
+    EXPECT_EQ(scanned(fastOverridden)[1], "xsi:type=DefaultedRequest mode=slow id=" + id);
+}
+
+TEST(RequestXmlHelperTest, ScanFailsAsParseDoesAfterSeeingTheElementsBeforeTheFault) {
+    RequestXmlHelper* helper = RequestXmlHelper::getInstance();
+    helper->addSchema(NamedRequestSchema("ScannedRequest", "value"));
+    std::string invalid = requestDocument("ScannedRequest", "value", "v");
+    invalid.insert(invalid.find("</request>"), "<extra/>");
+    const std::vector<std::string> faulty{invalid, "<KS_Reply", "",
+                                          "<KS_Reply " +
+                                              RequestXmlHelper::getNamespaceDeclarations() +
+                                              "><reply requestId=\"x\"/></KS_Reply>"};
+    for (const std::string& text : faulty) {
+        std::string expected = parseFailure(text);
+        ASSERT_FALSE(expected.empty()) << text;
+        int seen = 0;
+        LogCapture capture;
+        try {
+            helper->scan(text, [&](const xercesc::Attributes&) { ++seen; });
+            ADD_FAILURE() << "Faulty text was accepted: " << text;
+        } catch (const KsExceptionNested& e) {
+            EXPECT_EQ(e.getMessage(), expected);
+            EXPECT_TRUE(capture.contains(LogLevel::Debug, expected));
+        }
+        if (text == invalid) {
+            EXPECT_EQ(seen, 3); // the root, the request and its value came before <extra/>
+        }
+    }
+}
+
+TEST(RequestXmlHelperTest, AnExceptionOfTheReaderGoesThroughAndTheParserServesOn) {
+    RequestXmlHelper* helper = RequestXmlHelper::getInstance();
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_THROW(helper->scan(replyDocument(),
+                                  [](const xercesc::Attributes&) {
+                                      throw std::runtime_error("reader gave up");
+                                  }),
+                     std::runtime_error);
+    }
+    EXPECT_EQ(scanned(replyDocument()).size(), 2u);
+    EXPECT_TRUE(parses(replyDocument()));
+}
+
+TEST(RequestXmlHelperTest, ConcurrentScansAndParsesOfEveryKind) {
+    RequestXmlHelper* helper = RequestXmlHelper::getInstance();
+    helper->addSchema(NamedRequestSchema("ConcurrentScanRequest", "value"));
+    const int threadCount = 6;
+    const int rounds = 150;
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < threadCount; ++t) {
+        threads.emplace_back([&, t] {
+            for (int round = 0; round < rounds; ++round) {
+                std::string request =
+                    requestDocument("ConcurrentScanRequest", "value", std::to_string(round));
+                switch ((round + t) % 4) {
+                case 0:
+                    if (scanned(request).size() != 3)
+                        ++wrong;
+                    break;
+                case 1:
+                    if (scanned(replyDocument()).size() != 2)
+                        ++wrong;
+                    break;
+                case 2:
+                    if (!parses(request))
+                        ++wrong;
+                    break;
+                default:
+                    try {
+                        helper->scan("<KS_Reply", [](const xercesc::Attributes&) {});
+                        ++wrong;
+                    } catch (const KsExceptionNested&) {
+                    }
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong, 0);
 }
 
 TEST(AbstractRequestSchemaTest, CopyAndMoveKeepTheText) {
