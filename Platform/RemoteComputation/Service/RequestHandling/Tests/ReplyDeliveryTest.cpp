@@ -26,10 +26,6 @@ namespace {
 
 using Packets = RequestServer::SocketPackets;
 
-void setting(const std::string& name, const std::string& value) {
-    RequestServerConfiguration::getRegisteredInstance()->setValue(name, value);
-}
-
 class ReplyDeliveryTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -43,6 +39,16 @@ protected:
     void TearDown() override {
         std::error_code ignored;
         fs::remove_all(m_dir, ignored);
+        // The configuration is the process's: the next test starts from the values before.
+        for (auto it = m_changedSettings.rbegin(); it != m_changedSettings.rend(); ++it)
+            RequestServerConfiguration::getRegisteredInstance()->setValue(it->first, it->second);
+    }
+
+    void setting(const std::string& name, const std::string& value) {
+        RequestServerConfiguration* configuration =
+            RequestServerConfiguration::getRegisteredInstance();
+        m_changedSettings.emplace_back(name, configuration->getValueText(name));
+        configuration->setValue(name, value);
     }
 
     // A package that a client sent, its reply going to `replyPort` of 127.0.0.1.
@@ -82,6 +88,7 @@ protected:
     LogCapture m_capture;
     fs::path m_dir;
     std::shared_ptr<ScriptedHandler> m_handler;
+    std::vector<std::pair<std::string, std::string>> m_changedSettings; // name, value before
     RequestServer* m_server = nullptr;
     ReplyCatcher m_catcher;
 };

@@ -241,6 +241,15 @@ public:
         return script ? script(*request) : nullptr;
     }
 
+    void reset() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_seen.clear();
+        m_script = nullptr;
+        m_idOverride.clear();
+        m_calls = 0;
+        m_lastClientDescription.clear();
+        m_lastTmpPathCount = 0;
+    }
     void setScript(Script script) {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_script = std::move(script);
@@ -266,11 +275,17 @@ public:
         return m_lastTmpPathCount;
     }
 
-    // Adds a new handler to the process's default request handler, with the link test schema.
+    // The process's one scripted handler, added to the default request handler with the link
+    // test schema at its first use and reset for each test. A handler added later would never be
+    // asked: the first one that decodes a request takes it.
     static std::shared_ptr<ScriptedHandler> install() {
-        auto handler = std::make_shared<ScriptedHandler>();
-        Kestrane::RequestHandler::getDefaultRequestHandler()->addRequestHandler(handler,
-                                                                                LinkTestSchema());
+        static const std::shared_ptr<ScriptedHandler> handler = [] {
+            auto made = std::make_shared<ScriptedHandler>();
+            Kestrane::RequestHandler::getDefaultRequestHandler()->addRequestHandler(
+                made, LinkTestSchema());
+            return made;
+        }();
+        handler->reset();
         return handler;
     }
 
