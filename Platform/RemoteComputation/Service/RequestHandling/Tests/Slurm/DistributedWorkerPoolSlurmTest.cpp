@@ -22,8 +22,9 @@ using Computing::LSFJobStatus;
 namespace {
 
 const std::string c_adapter = KS_SOURCE_DIR "/scripts/job-schedulers/slurm";
-// Primes below 5 * 10^6 and below 6 * 10^9.
+// Primes below 5 * 10^6, below 3 * 10^9 and below 6 * 10^9.
 const unsigned long long c_primesBelow5e6 = 348513ULL;
+const unsigned long long c_primesBelow3e9 = 144449537ULL;
 const unsigned long long c_primesBelow6e9 = 279545368ULL;
 
 LSFJobStatus statusOf(int job, std::string& message) {
@@ -169,15 +170,20 @@ size_t countIn(const std::string& text, const std::string& piece) {
 } // namespace
 
 TEST_F(DistributedWorkerPoolSlurmTest, TwoWorkerJobsCountExactly) {
-    auto demo = startMaster(2, "5000000", "30");
+    // 60 tasks of 50 million numbers, about 4 s for one job alone: the second job has started
+    // long before the first could count everything, even on a loaded machine.
+    auto demo = startMaster(2, "3000000000", "60");
     ASSERT_TRUE(waitForJobs(*demo, 2)) << demo->describe();
     ASSERT_EQ(demo->waitForExit(120000ms), 0) << demo->describe();
     auto result = demo->result();
     ASSERT_TRUE(result) << demo->describe();
-    EXPECT_EQ(result->primes, c_primesBelow5e6);
-    EXPECT_EQ(result->tasks, 30u);
+    EXPECT_EQ(result->primes, c_primesBelow3e9);
+    EXPECT_EQ(result->tasks, 60u);
     EXPECT_EQ(result->failed, 0u);
     EXPECT_EQ(result->workers, 2u);
+    // A worker logs a result as sent after the master has taken it: only an ended job's output
+    // is whole.
+    expectAllJobsEnded();
     // Both jobs counted, and every task was counted once.
     size_t results = 0;
     for (const auto& job : jobs) {
@@ -188,19 +194,19 @@ TEST_F(DistributedWorkerPoolSlurmTest, TwoWorkerJobsCountExactly) {
             << output;
         results += countIn(output, "Results from worker");
     }
-    EXPECT_EQ(results, 30u);
-    expectAllJobsEnded();
+    EXPECT_EQ(results, 60u);
 }
 
 TEST_F(DistributedWorkerPoolSlurmTest, JobsBeyondTheFreeCoresAreRemovedAtTheEnd) {
     const unsigned int cores = clusterCores();
     ASSERT_GT(cores, 0u) << "sinfo tells no cores";
-    auto demo = startMaster(3, "5000000", "30");
+    // Long enough work (see above) that every job that gets a core calls back before the end.
+    auto demo = startMaster(3, "3000000000", "60");
     ASSERT_TRUE(waitForJobs(*demo, 3)) << demo->describe();
     ASSERT_EQ(demo->waitForExit(120000ms), 0) << demo->describe();
     auto result = demo->result();
     ASSERT_TRUE(result) << demo->describe();
-    EXPECT_EQ(result->primes, c_primesBelow5e6);
+    EXPECT_EQ(result->primes, c_primesBelow3e9);
     EXPECT_EQ(result->failed, 0u);
     // One job per core runs; the others wait until the pool stops and removes them.
     EXPECT_EQ(result->workers, std::min(3u, cores));
