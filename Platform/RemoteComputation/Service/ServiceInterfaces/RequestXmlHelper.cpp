@@ -119,6 +119,9 @@ struct RequestXmlHelper::Parser {
         // Made after the pool was locked: a parser built on an unlocked pool writes to it.
         parser = std::make_unique<xercesc::XercesDOMParser>(
             nullptr, xercesc::XMLPlatformUtils::fgMemoryManager, schema->pool.get());
+        // The schema-only scanner: cheaper per element, and it skips a document type
+        // declaration instead of reading it, so that no entity of a peer's ever expands.
+        parser->useScanner(xercesc::XMLUni::fgSGXMLScanner);
         parser->setErrorHandler(&errorHandler);
         parser->setValidationScheme(xercesc::XercesDOMParser::Val_Always);
         parser->setDoNamespaces(true);
@@ -137,6 +140,9 @@ struct RequestXmlHelper::Parser {
 
         reader = std::make_unique<xercesc::SAX2XMLReaderImpl>(
             xercesc::XMLPlatformUtils::fgMemoryManager, schema->pool.get());
+        // The same scanner as the document parser's, so that both accept the same texts.
+        reader->setProperty(xercesc::XMLUni::fgXercesScannerName,
+                            const_cast<XMLCh*>(xercesc::XMLUni::fgSGXMLScanner));
         reader->setErrorHandler(&errorHandler);
         reader->setContentHandler(&forwarder);
         reader->setFeature(xercesc::XMLUni::fgSAX2CoreValidation, true);

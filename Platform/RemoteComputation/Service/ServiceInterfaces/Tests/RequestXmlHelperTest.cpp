@@ -234,21 +234,34 @@ TEST(RequestXmlHelperTest, ExceptionNamesItsSourceRelativeToTheRepository) {
     }
 }
 
-TEST(RequestXmlHelperTest, ExternalEntitiesAreNotLoaded) {
+// A document type declaration is skipped, not read: the entities it declares, outside or
+// inside, do not exist, so nothing is fetched and nothing expands.
+TEST(RequestXmlHelperTest, EntitiesOfADocumentTypeDeclarationAreUnknown) {
     RequestXmlHelper* helper = RequestXmlHelper::getInstance();
     helper->addSchema(NamedRequestSchema("EntityRequest", "value"));
-    std::string text = requestDocument("EntityRequest", "value", "[&secret;]");
-    text.insert(text.find('\n') + 1, "<!DOCTYPE KS_Request [\n<!ENTITY secret SYSTEM "
-                                     "\"file:///etc/hostname\">\n]>\n");
-    try {
-        Document document(helper->parse(text));
-        xercesc::DOMElement* request =
-            XmlUtils::getElement("request", document->getDocumentElement());
-        // Accepted only without the file's content.
-        EXPECT_EQ(XmlUtils::getElementContent("value", request), "[]");
-    } catch (const KsExceptionNested& e) {
-        EXPECT_NE(e.getMessage().find("line "), std::string::npos);
+    const std::vector<std::pair<std::string, std::string>> declarations{
+        {"secret", "<!ENTITY secret SYSTEM \"file:///etc/hostname\">"},
+        {"inner", "<!ENTITY inner \"expanded\">"}};
+    for (const auto& [name, declaration] : declarations) {
+        std::string text = requestDocument("EntityRequest", "value", "[&" + name + ";]");
+        text.insert(text.find('\n') + 1, "<!DOCTYPE KS_Request [\n" + declaration + "\n]>\n");
+        const std::string expected = "Error parsing XML document at line 7, column " +
+                                     std::string(name == "secret" ? "20" : "19") + ": entity '" +
+                                     name + "' not found";
+        EXPECT_EQ(parseFailure(text), expected);
+        try {
+            helper->scan(text, [](const xercesc::Attributes&) {});
+            ADD_FAILURE() << "The scan accepted " << text;
+        } catch (const KsExceptionNested& e) {
+            EXPECT_EQ(e.getMessage(), expected);
+        }
     }
+    // Without a reference the declaration changes nothing.
+    std::string text = requestDocument("EntityRequest", "value", "plain");
+    text.insert(text.find('\n') + 1, "<!DOCTYPE KS_Request [\n<!ENTITY unused \"x\">\n]>\n");
+    Document document(helper->parse(text));
+    xercesc::DOMElement* request = XmlUtils::getElement("request", document->getDocumentElement());
+    EXPECT_EQ(XmlUtils::getElementContent("value", request), "plain");
 }
 
 TEST(RequestXmlHelperTest, DocumentOutlivesSchemaChange) {
