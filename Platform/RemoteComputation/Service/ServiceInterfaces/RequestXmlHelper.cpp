@@ -280,7 +280,9 @@ void RequestXmlHelper::giveBack(std::unique_ptr<Parser> parser) {
     m_parserReturned.notify_one();
 }
 
-void RequestXmlHelper::withParser(const std::function<void(Parser&)>& parse) {
+void RequestXmlHelper::withParser(
+    const std::string& text,
+    const std::function<void(Parser&, const xercesc::InputSource&)>& parse) {
     std::unique_ptr<Parser> lent = borrowParser();
     struct GiveBack {
         RequestXmlHelper& helper;
@@ -289,7 +291,9 @@ void RequestXmlHelper::withParser(const std::function<void(Parser&)>& parse) {
     } giveBackAtEnd{*this, lent};
     std::string failure;
     try {
-        parse(*lent);
+        xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()),
+                                          text.size(), "RequestXmlHelper", false);
+        parse(*lent, source);
         return;
     } catch (const xercesc::SAXParseException& e) {
         failure = "Error parsing XML document at " + describe(e);
@@ -307,9 +311,7 @@ void RequestXmlHelper::withParser(const std::function<void(Parser&)>& parse) {
 
 xercesc::DOMDocument* RequestXmlHelper::parse(const std::string& text) {
     xercesc::DOMDocument* document = nullptr;
-    withParser([&](Parser& lent) {
-        xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()),
-                                          text.size(), "RequestXmlHelper", false);
+    withParser(text, [&](Parser& lent, const xercesc::InputSource& source) {
         lent.parser->parse(source);
         document = lent.parser->adoptDocument();
     });
@@ -320,9 +322,7 @@ xercesc::DOMDocument* RequestXmlHelper::parse(const std::string& text) {
 
 void RequestXmlHelper::scan(const std::string& text,
                             const std::function<void(const xercesc::Attributes&)>& onElement) {
-    withParser([&](Parser& lent) {
-        xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()),
-                                          text.size(), "RequestXmlHelper", false);
+    withParser(text, [&](Parser& lent, const xercesc::InputSource& source) {
         lent.forwarder.onElement = &onElement;
         lent.reader->parse(source);
     });

@@ -3,6 +3,7 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/AbstractRequestSchema.h"
 
 #include <xercesc/dom/DOMDocument.hpp>
+#include <xercesc/sax/InputSource.hpp>
 #include <xercesc/sax2/Attributes.hpp>
 
 #include <condition_variable>
@@ -74,8 +75,10 @@ private:
     std::unique_ptr<Parser> borrowParser();
     // Null: the parser was lost (its rebuild failed), one more may be made.
     void giveBack(std::unique_ptr<Parser> parser);
-    // Runs `parse` on a borrowed parser; Xerces' exceptions become KsExceptionNested.
-    void withParser(const std::function<void(Parser&)>& parse);
+    // Runs `parse` on a borrowed parser over `text`; Xerces' exceptions become
+    // KsExceptionNested.
+    void withParser(const std::string& text,
+                    const std::function<void(Parser&, const xercesc::InputSource&)>& parse);
 
     mutable std::mutex m_addMutex; // serialises addSchema, guards m_fragments
     std::vector<std::string> m_fragments;
