@@ -198,7 +198,7 @@ inline void writePacket(int fd, const std::string& type, const std::string& payl
 // Buffered packet reader: one recv fills the buffer with as much as has come.
 class PacketReader {
 public:
-    explicit PacketReader(int fd) : m_fd(fd), m_buffer(64 * 1024) {}
+    explicit PacketReader(int fd) : m_fd(fd), m_buffer(new char[c_bufferSize]) {}
 
     // False at the end of the connection.
     bool readPacket(std::string& type, std::string& payload) {
@@ -217,7 +217,7 @@ public:
     // Raw bytes behind a packet, first from the buffer, then straight from the socket.
     bool readBlock(char* data, size_t size) {
         size_t fromBuffer = std::min(size, m_end - m_begin);
-        std::memcpy(data, m_buffer.data() + m_begin, fromBuffer);
+        std::memcpy(data, m_buffer.get() + m_begin, fromBuffer);
         m_begin += fromBuffer;
         size_t done = fromBuffer;
         while (done < size) {
@@ -237,7 +237,7 @@ private:
         if (m_begin == m_end) {
             ssize_t n;
             do
-                n = ::recv(m_fd, m_buffer.data(), m_buffer.size(), 0);
+                n = ::recv(m_fd, m_buffer.get(), c_bufferSize, 0);
             while (n < 0 && errno == EINTR);
             if (n <= 0)
                 return false;
@@ -248,8 +248,9 @@ private:
         return true;
     }
 
+    static constexpr size_t c_bufferSize = 64 * 1024;
     int m_fd;
-    std::vector<char> m_buffer;
+    std::unique_ptr<char[]> m_buffer; // not zeroed, as in the library's sockets
     size_t m_begin = 0;
     size_t m_end = 0;
 };

@@ -113,10 +113,10 @@ void Socket::flushPending(const char* data, uint64_t size) {
 bool Socket::fillBuffer() {
     if (!isOpen())
         return false;
-    if (m_readBuffer.empty())
-        m_readBuffer.resize(c_readBufferSize);
+    if (!m_readBuffer)
+        m_readBuffer.reset(new char[c_readBufferSize]);
     for (;;) {
-        ssize_t got = ::recv(fdOf(m_socket), m_readBuffer.data(), m_readBuffer.size(), 0);
+        ssize_t got = ::recv(fdOf(m_socket), m_readBuffer.get(), c_readBufferSize, 0);
         if (got > 0) {
             m_readPos = 0;
             m_readEnd = static_cast<size_t>(got);
@@ -135,7 +135,7 @@ bool Socket::receiveDataBlock(char* data, uint64_t size) {
     while (done < size) {
         if (m_readPos < m_readEnd) {
             size_t take = std::min<uint64_t>(size - done, m_readEnd - m_readPos);
-            std::memcpy(data + done, m_readBuffer.data() + m_readPos, take);
+            std::memcpy(data + done, m_readBuffer.get() + m_readPos, take);
             m_readPos += take;
             done += take;
             continue;
@@ -169,7 +169,7 @@ bool Socket::receiveDataBlock(std::string& out, uint64_t size) {
         while (got < chunk) {
             if (m_readPos < m_readEnd) {
                 size_t take = std::min<uint64_t>(chunk - got, m_readEnd - m_readPos);
-                std::memcpy(&out[offset + got], m_readBuffer.data() + m_readPos, take);
+                std::memcpy(&out[offset + got], m_readBuffer.get() + m_readPos, take);
                 m_readPos += take;
                 got += take;
             } else if (chunk - got >= c_readBufferSize) {
