@@ -57,8 +57,15 @@ public:
             std::lock_guard<std::mutex> lock(m_mutex);
             expire(expired);
             if (size >= LargeBlockCache::c_smallestKept &&
-                m_kept.size() < LargeBlockCache::c_maxKeptBlocks &&
-                m_keptBytes + size <= LargeBlockCache::c_maxKeptBytes) {
+                size <= LargeBlockCache::c_maxKeptBytes) {
+                // A full cache gives up its oldest blocks: a block that no transfer of the
+                // moment fits would otherwise hold the room until it expires.
+                while (m_kept.size() >= LargeBlockCache::c_maxKeptBlocks ||
+                       m_keptBytes + size > LargeBlockCache::c_maxKeptBytes) {
+                    expired.push_back(m_kept.front().block);
+                    m_keptBytes -= m_kept.front().size;
+                    m_kept.erase(m_kept.begin());
+                }
                 m_kept.push_back({block, size, Clock::now()});
                 m_keptBytes += size;
                 kept = true;
@@ -116,7 +123,7 @@ private:
     }
 
     std::mutex m_mutex;
-    std::vector<Kept> m_kept;
+    std::vector<Kept> m_kept; // oldest first
     std::size_t m_keptBytes = 0;
 };
 

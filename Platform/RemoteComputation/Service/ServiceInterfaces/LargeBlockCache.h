@@ -27,7 +27,8 @@ public:
     static void* take(std::size_t size);
     // std::malloc, or a kept block when one fits.
     static void* allocate(std::size_t size);
-    // Keeps a malloc'ed block (null is ignored) when it is large and there is room, else frees it.
+    // Keeps a malloc'ed block (null is ignored) when it is large, freeing the oldest kept blocks
+    // to make room; frees a small one.
     static void release(void* block);
 
     // For tests: frees every kept block, and how many are kept (after freeing those kept too

@@ -61,10 +61,31 @@ TEST_F(LargeBlockCacheTest, TheSmallestFittingBlockIsTaken) {
     std::free(taken);
 }
 
-TEST_F(LargeBlockCacheTest, BeyondTheMostBlocksAReleasedBlockIsFreed) {
-    for (std::size_t i = 0; i < LargeBlockCache::c_maxKeptBlocks + 2; ++i)
-        LargeBlockCache::release(std::malloc(c_large));
+TEST_F(LargeBlockCacheTest, BeyondTheMostBlocksTheNewestAreKept) {
+    std::vector<void*> released;
+    for (std::size_t i = 0; i < LargeBlockCache::c_maxKeptBlocks + 2; ++i) {
+        released.push_back(std::malloc(c_large + i * (1u << 20))); // each a size of its own
+        LargeBlockCache::release(released.back());
+    }
     EXPECT_EQ(LargeBlockCache::keptCount(), LargeBlockCache::c_maxKeptBlocks);
+    // The two oldest are gone: a block of their size gets the smallest of the newest.
+    void* taken = LargeBlockCache::take(c_large);
+    EXPECT_EQ(taken, released[2]);
+    std::free(taken);
+    taken = LargeBlockCache::take(c_large + 3 * (1u << 20));
+    EXPECT_EQ(taken, released[3]);
+    std::free(taken);
+}
+
+TEST_F(LargeBlockCacheTest, ABlockThatNoTransferFitsDoesNotHoldTheRoom) {
+    // Arrays freed into the cache that the next memory file image is too large for.
+    for (std::size_t i = 0; i < LargeBlockCache::c_maxKeptBlocks; ++i)
+        LargeBlockCache::release(std::malloc(c_large));
+    void* image = std::malloc(c_large + (1u << 20));
+    LargeBlockCache::release(image);
+    void* taken = LargeBlockCache::take(c_large + (1u << 20));
+    EXPECT_EQ(taken, image);
+    std::free(taken);
 }
 
 TEST_F(LargeBlockCacheTest, KeptBlocksAreFreedByTheFirstUseAfterTheKeepTime) {
