@@ -111,7 +111,10 @@ void decodeNopRequestPackage(const std::string& text) {
 std::string encodeNopReplyPackage(const std::string& id) {
     ReplyEncoder reply("TestReply", id);
     reply.addElement("data", "OK");
-    ReplyPackageEncoder package(reply.getEncodedReply("   ", "  "), 1);
+    std::string text = reply.getEncodedReply("   ", "  ");
+    bool hasFiles = false;
+    auto attachments = Attachment::createAttachments(text, hasFiles, false);
+    ReplyPackageEncoder package(text, 1);
     return package.getEncodedReplyPackage();
 }
 
