@@ -37,10 +37,10 @@ void unwatch(int epoll, int handle) {
 }
 } // namespace
 
-ConnectionWatch::ConnectionWatch(int listenHandle, unsigned int idleTimeoutSeconds,
-                                 unsigned int maxConnections)
-    : m_listen(listenHandle), m_idleTimeout(idleTimeoutSeconds),
-      m_maxConnections(std::max(1u, maxConnections)),
+ConnectionWatch::ConnectionWatch(const Computing::ListenSocket& listener,
+                                 unsigned int idleTimeoutSeconds, unsigned int maxConnections)
+    : m_listen(listener.getHandle()), m_acceptedTimeout(listener.getAcceptedTimeout()),
+      m_idleTimeout(idleTimeoutSeconds), m_maxConnections(std::max(1u, maxConnections)),
       m_open(std::make_shared<std::atomic<size_t>>(0)) {
     ::fcntl(m_listen, F_SETFL, ::fcntl(m_listen, F_GETFL) | O_NONBLOCK);
     m_epoll = ::epoll_create1(EPOLL_CLOEXEC);
@@ -168,8 +168,12 @@ std::shared_ptr<Computing::ServerSocket> ConnectionWatch::adopt(int handle) {
     auto open = m_open;
     // A connection that falls silent inside a conversation is idle as well: no single read
     // waits longer than the limit, while one that moves data never times out.
+    const unsigned int limitMs = silenceLimitSeconds() * 1000;
+    const auto descriptor = static_cast<uint64_t>(handle);
     std::shared_ptr<Computing::ServerSocket> socket(
-        new Computing::ServerSocket(static_cast<uint64_t>(handle), silenceLimitSeconds() * 1000),
+        m_acceptedTimeout == limitMs
+            ? new Computing::ServerSocket(descriptor, Computing::InheritedOptions{})
+            : new Computing::ServerSocket(descriptor, limitMs),
         [open](Computing::ServerSocket* ended) {
             delete ended;
             open->fetch_sub(1);

@@ -9,6 +9,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace Kestrane {
@@ -26,10 +27,12 @@ public:
     using ReadyHandler =
         std::function<void(std::shared_ptr<Computing::ServerSocket>, const std::string&)>;
 
-    // `listenHandle` is the listening socket's descriptor (made non-blocking here). Idle
-    // timeout in seconds, 0 for none; `maxConnections` counts the connections held here and
+    // `listener` is made non-blocking here and must outlive the watch; made with the silence
+    // limit as its accepted connections' time limit, it spares each accept setting options.
+    // Idle timeout in seconds, 0 for none; `maxConnections` counts the connections held here and
     // those handed out that are still open.
-    ConnectionWatch(int listenHandle, unsigned int idleTimeoutSeconds, unsigned int maxConnections);
+    ConnectionWatch(const Computing::ListenSocket& listener, unsigned int idleTimeoutSeconds,
+                    unsigned int maxConnections);
     ~ConnectionWatch();
     ConnectionWatch(const ConnectionWatch&) = delete;
     ConnectionWatch& operator=(const ConnectionWatch&) = delete;
@@ -68,6 +71,7 @@ private:
     void warnRateLimited(Clock::time_point& last, const std::string& text);
 
     int m_listen;
+    std::optional<unsigned int> m_acceptedTimeout;
     int m_epoll = -1;
     int m_wakeUp = -1;
     std::chrono::seconds m_idleTimeout;

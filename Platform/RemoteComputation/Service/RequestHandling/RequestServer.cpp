@@ -68,7 +68,8 @@ std::string RequestServer::getErrorMessage() {
 }
 
 RequestServer::RequestServer(int shutdownTimeout, unsigned int port, unsigned int portRange)
-    : Thread(""), m_listenSocket(static_cast<int>(port), static_cast<int>(portRange), 1000) {
+    : Thread(""), m_listenSocket(static_cast<int>(port), static_cast<int>(portRange), 1000, "",
+                                 ConnectionWatch::silenceLimitSeconds() * 1000) {
     auto config = RequestServerConfiguration::getRegisteredInstance();
     m_hostName = config->getLocalHost();
     m_requestHandler = RequestHandler::getDefaultRequestHandler();
@@ -82,9 +83,8 @@ RequestServer::RequestServer(int shutdownTimeout, unsigned int port, unsigned in
                                          static_cast<Thread::Priority>(2));
     m_connectionPool = std::make_unique<Tasks::WorkerPool>(config->getMaxConnections(),
                                                            static_cast<Thread::Priority>(2));
-    m_connectionWatch = std::make_unique<ConnectionWatch>(m_listenSocket.getHandle(),
-                                                          config->getConnectionIdleTimeout(),
-                                                          config->getMaxConnections());
+    m_connectionWatch = std::make_unique<ConnectionWatch>(
+        m_listenSocket, config->getConnectionIdleTimeout(), config->getMaxConnections());
     // Started last: the watchdog reads the pool and may stop the server, so both must exist.
     if (m_serverTimeoutThread)
         m_serverTimeoutThread->start(true);

@@ -27,6 +27,22 @@ constexpr size_t c_pendingLimit = 16 * 1024;
 int fdOf(uint64_t handle) {
     return static_cast<int>(handle);
 }
+
+void setTimeLimits(int fd, unsigned int milliseconds) {
+    timeval tv{};
+    tv.tv_sec = milliseconds / 1000;
+    tv.tv_usec = (milliseconds % 1000) * 1000;
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+}
+
+// What every connection of ours has: no send delay (a packet is written whole, and the peer
+// waits for it) and a time limit on each read and write.
+void setConnectionOptions(int fd, unsigned int timeoutMilliseconds) {
+    int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    setTimeLimits(fd, timeoutMilliseconds);
+}
 } // namespace
 
 Socket::Socket(uint64_t handle) : m_socket(handle) {
@@ -38,6 +54,8 @@ Socket::Socket(uint64_t handle, unsigned int timeoutMilliseconds) : m_socket(han
     if (isOpen())
         configureConnected(timeoutMilliseconds);
 }
+
+Socket::Socket(uint64_t handle, InheritedOptions) : m_socket(handle) {}
 
 Socket::~Socket() {
     close();
@@ -56,19 +74,12 @@ void Socket::configureConnected() {
 }
 
 void Socket::configureConnected(unsigned int timeoutMilliseconds) {
-    int one = 1;
-    setsockopt(fdOf(m_socket), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-    setTimeout(timeoutMilliseconds);
+    setConnectionOptions(fdOf(m_socket), timeoutMilliseconds);
 }
 
 void Socket::setTimeout(unsigned int milliseconds) {
-    if (!isOpen())
-        return;
-    timeval tv{};
-    tv.tv_sec = milliseconds / 1000;
-    tv.tv_usec = (milliseconds % 1000) * 1000;
-    setsockopt(fdOf(m_socket), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-    setsockopt(fdOf(m_socket), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+    if (isOpen())
+        setTimeLimits(fdOf(m_socket), milliseconds);
 }
 
 bool Socket::sendDataBlock(const char* data, uint64_t size, bool more) {
@@ -324,6 +335,9 @@ ServerSocket::ServerSocket(uint64_t handle) : Socket(handle) {}
 ServerSocket::ServerSocket(uint64_t handle, unsigned int timeoutMilliseconds)
     : Socket(handle, timeoutMilliseconds) {}
 
+ServerSocket::ServerSocket(uint64_t handle, InheritedOptions)
+    : Socket(handle, InheritedOptions{}) {}
+
 std::string ServerSocket::getClientIPaddress() const {
     sockaddr_storage address{};
     socklen_t length = sizeof(address);
@@ -405,7 +419,9 @@ sockaddr_storage anyAddress(int family) {
 }
 } // namespace
 
-ListenSocket::ListenSocket(int port, int portRange, int backlog, const std::string& bindAddress) {
+ListenSocket::ListenSocket(int port, int portRange, int backlog, const std::string& bindAddress,
+                           std::optional<unsigned int> acceptedTimeoutMilliseconds)
+    : m_acceptedTimeout(acceptedTimeoutMilliseconds) {
     if (port < 0 || port > 65535)
         throw Error("bind", "port " + std::to_string(port) + " out of range");
     sockaddr_storage address;
@@ -439,6 +455,9 @@ ListenSocket::ListenSocket(int port, int portRange, int backlog, const std::stri
                                 : std::to_string(port) + "-" + std::to_string(port + count - 1);
         throw Error("bind to port " + range, lastError);
     }
+    // Before listening, so that no connection can be queued without them.
+    if (m_acceptedTimeout)
+        setConnectionOptions(m_fd, *m_acceptedTimeout);
     if (::listen(m_fd, backlog) != 0) {
         int error = errno;
         ::close(m_fd);

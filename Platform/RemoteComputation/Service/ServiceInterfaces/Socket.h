@@ -4,10 +4,15 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace Kestrane {
 namespace Computing {
+
+// Marks a connection that was accepted from a listening socket made with the accepted
+// connections' options: it took them from there, and nothing is set again.
+struct InheritedOptions {};
 
 // A connected TCP stream. Reads go through a small read-ahead buffer, so that a reader that
 // takes one byte at a time does not pay a system call per byte; a writer can hold back small
@@ -17,6 +22,7 @@ public:
     explicit Socket(uint64_t handle = c_invalid);
     // A connection whose time limit is known when it is adopted: set once, not twice.
     Socket(uint64_t handle, unsigned int timeoutMilliseconds);
+    Socket(uint64_t handle, InheritedOptions);
     virtual ~Socket();
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
@@ -80,16 +86,20 @@ class ServerSocket : public Socket {
 public:
     explicit ServerSocket(uint64_t handle);
     ServerSocket(uint64_t handle, unsigned int timeoutMilliseconds);
+    ServerSocket(uint64_t handle, InheritedOptions);
     std::string getClientIPaddress() const;
     std::string getServerIPaddress() const;
 };
 
 // A listening socket bound to the first free port of `portRange` ports starting at `port`
 // (port 0: the system picks one), on all addresses or on `bindAddress` (a name or an IPv4 or
-// IPv6 address).
+// IPv6 address). With `acceptedTimeoutMilliseconds` every accepted connection comes with no
+// send delay and that time limit, copied by the system from the listening socket, so that
+// accepting sets nothing (`InheritedOptions`).
 class ListenSocket {
 public:
-    ListenSocket(int port, int portRange, int backlog, const std::string& bindAddress = "");
+    ListenSocket(int port, int portRange, int backlog, const std::string& bindAddress = "",
+                 std::optional<unsigned int> acceptedTimeoutMilliseconds = std::nullopt);
     ~ListenSocket();
     ListenSocket(const ListenSocket&) = delete;
     ListenSocket& operator=(const ListenSocket&) = delete;
@@ -101,10 +111,13 @@ public:
     void close();
     // Blocks until a connection arrives and returns its handle.
     uint64_t accept();
+    // The time limit that accepted connections come with; none when they come without options.
+    std::optional<unsigned int> getAcceptedTimeout() const { return m_acceptedTimeout; }
 
 private:
     int m_fd = -1;
     int m_port = 0;
+    std::optional<unsigned int> m_acceptedTimeout;
 };
 
 // What an accept that failed with `error` calls for: try again at once (an interrupted call, a

@@ -61,7 +61,7 @@ protected:
 } // namespace
 
 TEST_F(ConnectionWatchTest, OnlyConnectionsWithDataAreHandedOut) {
-    ConnectionWatch watch(listener.getHandle(), 30, 100);
+    ConnectionWatch watch(listener, 30, 100);
     auto quiet = connect();
     auto talking = connect();
     talking->sendDataBlock("C 4 PING", 8);
@@ -79,7 +79,7 @@ TEST_F(ConnectionWatchTest, OnlyConnectionsWithDataAreHandedOut) {
 }
 
 TEST_F(ConnectionWatchTest, DataThereAtTheAcceptIsHandedOutInTheSameRound) {
-    ConnectionWatch watch(listener.getHandle(), 30, 100);
+    ConnectionWatch watch(listener, 30, 100);
     auto talking = connect();
     talking->sendDataBlock("C 4 PING", 8);
     auto ending = connect();
@@ -108,8 +108,44 @@ TEST_F(ConnectionWatchTest, DataThereAtTheAcceptIsHandedOutInTheSameRound) {
     EXPECT_FALSE(ready[1]->receiveDataBlock(text, 1));
 }
 
+namespace {
+long readLimitSecondsOf(Computing::ServerSocket& socket) {
+    timeval limit{};
+    socklen_t length = sizeof(limit);
+    if (::getsockopt(static_cast<int>(socket.getSocket()), SOL_SOCKET, SO_RCVTIMEO, &limit,
+                     &length) != 0)
+        return -1;
+    return limit.tv_sec;
+}
+} // namespace
+
+TEST_F(ConnectionWatchTest, ConnectionsTakeTheSilenceLimitFromAListenerMadeWithIt) {
+    const unsigned int limit = ConnectionWatch::silenceLimitSeconds();
+    ASSERT_GT(limit, 0u);
+    Computing::ListenSocket made{0, 1, 8, "127.0.0.1", limit * 1000};
+    ConnectionWatch watch(made, 30, 10);
+    Computing::ClientSocket client;
+    client.connect("127.0.0.1", made.getListenPort());
+    client.sendDataBlock("C 4 PING", 8);
+    ASSERT_TRUE(runUntil(watch, [&] { return !ready.empty(); }));
+    EXPECT_EQ(readLimitSecondsOf(*ready[0]), static_cast<long>(limit));
+}
+
+TEST_F(ConnectionWatchTest, AListenerWithAnotherLimitDoesNotSetTheConnections) {
+    // The configured limits may differ from those the listener was made with: the watch sets
+    // its own on each connection then.
+    const unsigned int limit = ConnectionWatch::silenceLimitSeconds();
+    Computing::ListenSocket made{0, 1, 8, "127.0.0.1", (limit + 5) * 1000};
+    ConnectionWatch watch(made, 30, 10);
+    Computing::ClientSocket client;
+    client.connect("127.0.0.1", made.getListenPort());
+    client.sendDataBlock("C 4 PING", 8);
+    ASSERT_TRUE(runUntil(watch, [&] { return !ready.empty(); }));
+    EXPECT_EQ(readLimitSecondsOf(*ready[0]), static_cast<long>(limit));
+}
+
 TEST_F(ConnectionWatchTest, SilentConnectionsAreClosedAfterTheIdleTimeoutWithOneWarningEach) {
-    ConnectionWatch watch(listener.getHandle(), 1, 100);
+    ConnectionWatch watch(listener, 1, 100);
     auto first = connect();
     auto second = connect();
     const auto start = Clock::now();
@@ -132,7 +168,7 @@ TEST_F(ConnectionWatchTest, SilentConnectionsAreClosedAfterTheIdleTimeoutWithOne
 }
 
 TEST_F(ConnectionWatchTest, ZeroIdleTimeoutKeepsSilentConnections) {
-    ConnectionWatch watch(listener.getHandle(), 0, 100);
+    ConnectionWatch watch(listener, 0, 100);
     auto quiet = connect();
     ASSERT_TRUE(runUntil(watch, [&] { return watch.getWaitingCount() == 1; }));
     runUntil(
@@ -143,7 +179,7 @@ TEST_F(ConnectionWatchTest, ZeroIdleTimeoutKeepsSilentConnections) {
 }
 
 TEST_F(ConnectionWatchTest, ConnectionsBeyondTheLimitAreClosedAtOnceWithOneWarning) {
-    ConnectionWatch watch(listener.getHandle(), 30, 2);
+    ConnectionWatch watch(listener, 30, 2);
     auto first = connect();
     auto second = connect();
     ASSERT_TRUE(runUntil(watch, [&] { return watch.getOpenCount() == 2; }));
@@ -163,7 +199,7 @@ TEST_F(ConnectionWatchTest, ConnectionsBeyondTheLimitAreClosedAtOnceWithOneWarni
 }
 
 TEST_F(ConnectionWatchTest, AHandedOutConnectionCountsUntilItIsClosed) {
-    ConnectionWatch watch(listener.getHandle(), 30, 1);
+    ConnectionWatch watch(listener, 30, 1);
     auto first = connect();
     first->sendDataBlock("x", 1);
     ASSERT_TRUE(runUntil(watch, [&] { return ready.size() == 1; }));
@@ -180,7 +216,7 @@ TEST_F(ConnectionWatchTest, AHandedOutConnectionCountsUntilItIsClosed) {
 }
 
 TEST_F(ConnectionWatchTest, WakeEndsAWaitAtOnce) {
-    ConnectionWatch watch(listener.getHandle(), 30, 10);
+    ConnectionWatch watch(listener, 30, 10);
     const auto start = Clock::now();
     watch.wake();
     watch.waitOnce([](std::shared_ptr<Computing::ServerSocket>, const std::string&) {}, 5000ms);
@@ -188,7 +224,7 @@ TEST_F(ConnectionWatchTest, WakeEndsAWaitAtOnce) {
 }
 
 TEST_F(ConnectionWatchTest, APeerThatHangsUpIsHandedOutToFindItsEnd) {
-    ConnectionWatch watch(listener.getHandle(), 30, 10);
+    ConnectionWatch watch(listener, 30, 10);
     auto leaving = connect();
     ASSERT_TRUE(runUntil(watch, [&] { return watch.getWaitingCount() == 1; }));
     leaving.reset();

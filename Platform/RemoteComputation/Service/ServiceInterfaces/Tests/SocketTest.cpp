@@ -6,7 +6,10 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <thread>
 
 using namespace Kestrane;
@@ -330,6 +333,61 @@ TEST(SocketTest, ConnectingToAClosedPortThrows) {
     EXPECT_NE(text.find("connect"), std::string::npos) << text;
     EXPECT_NE(text.find(std::strerror(ECONNREFUSED)), std::string::npos) << text;
     EXPECT_FALSE(client.isOpen());
+}
+
+namespace {
+// The options an accepted connection has in the system: no send delay, and the read and write
+// time limits in milliseconds.
+struct ConnectionOptions {
+    int noDelay = -1;
+    long readLimitMs = -1;
+    long writeLimitMs = -1;
+};
+
+ConnectionOptions optionsOf(uint64_t handle) {
+    const int fd = static_cast<int>(handle);
+    ConnectionOptions options;
+    socklen_t length = sizeof(options.noDelay);
+    ::getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &options.noDelay, &length);
+    timeval limit{};
+    length = sizeof(limit);
+    if (::getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, &length) == 0)
+        options.readLimitMs = limit.tv_sec * 1000 + limit.tv_usec / 1000;
+    length = sizeof(limit);
+    if (::getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, &length) == 0)
+        options.writeLimitMs = limit.tv_sec * 1000 + limit.tv_usec / 1000;
+    return options;
+}
+} // namespace
+
+TEST(SocketTest, AcceptedConnectionsTakeTheListenersOptions) {
+    ListenSocket listener(0, 1, 10, "127.0.0.1", 2500u);
+    ASSERT_EQ(listener.getAcceptedTimeout(), std::optional<unsigned int>(2500u));
+    // Queued before the accept, as a connection is that arrives while the server is busy.
+    ClientSocket client;
+    client.connect("127.0.0.1", listener.getListenPort());
+    ServerSocket accepted(listener.accept(), InheritedOptions{});
+    const ConnectionOptions options = optionsOf(accepted.getSocket());
+    EXPECT_NE(options.noDelay, 0);
+    EXPECT_EQ(options.readLimitMs, 2500);
+    EXPECT_EQ(options.writeLimitMs, 2500);
+    // And the connection works as any other.
+    client.sendDataBlock("ping", 4);
+    char text[4];
+    ASSERT_TRUE(accepted.receiveDataBlock(text, 4));
+    EXPECT_EQ(std::string(text, 4), "ping");
+}
+
+TEST(SocketTest, AListenerWithoutAcceptedOptionsHandsOutPlainConnections) {
+    ListenSocket listener(0, 1, 10, "127.0.0.1");
+    EXPECT_FALSE(listener.getAcceptedTimeout());
+    ClientSocket client;
+    client.connect("127.0.0.1", listener.getListenPort());
+    ServerSocket accepted(listener.accept(), InheritedOptions{});
+    const ConnectionOptions options = optionsOf(accepted.getSocket());
+    EXPECT_EQ(options.noDelay, 0);
+    EXPECT_EQ(options.readLimitMs, 0);
+    EXPECT_EQ(options.writeLimitMs, 0);
 }
 
 TEST(SocketTest, AcceptServesConnectionsInTurn) {
