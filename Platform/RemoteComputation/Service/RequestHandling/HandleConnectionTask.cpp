@@ -197,11 +197,11 @@ HandleConnectionTask::dispatchCommand(const std::shared_ptr<SocketPacket>& packe
 void HandleConnectionTask::handleRequestPacket(std::shared_ptr<SocketPacket> packet) {
     KS_TRACE("Handling request packet...");
     try {
+        // The peer's address is known since the accept; our own end's is asked for here.
         const std::string serverIp = m_socket->getServerIPaddress();
-        const std::string clientIp = m_socket->getClientIPaddress();
         RequestHandler* handler = m_requestServer->getRequestHandler();
         auto package = RequestPackage::decode(*packet->getData(), *handler, &m_attachments,
-                                              clientIp, serverIp);
+                                              m_clientAddress, serverIp);
         package->setRequestServer(m_requestServer);
         auto request = package->getRequest();
         request->setClientDescription(m_clientAddress);
