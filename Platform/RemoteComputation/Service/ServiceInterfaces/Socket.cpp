@@ -1,4 +1,5 @@
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Socket.h"
+#include "Platform/RemoteComputation/Service/ServiceInterfaces/DeferredCloser.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/Logging.h"
 #include "Platform/RemoteComputation/Service/ServiceInterfaces/RequestServerConfiguration.h"
 
@@ -9,7 +10,6 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <thread>
@@ -309,25 +309,8 @@ void ClientSocket::connect(const std::string& host, int port) {
 void ClientSocket::closeAfterPeer(unsigned int limitMs) {
     if (!isOpen())
         return;
-    const int fd = fdOf(m_socket);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-    char discard[4096];
-    for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
-            break;
-        pollfd waiting{fd, POLLIN, 0};
-        const int ready = ::poll(&waiting, 1, static_cast<int>(left.count()));
-        if (ready < 0 && errno == EINTR)
-            continue;
-        if (ready <= 0)
-            break;
-        const ssize_t got = ::recv(fd, discard, sizeof(discard), MSG_DONTWAIT);
-        if (got == 0 || (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR))
-            break;
-    }
-    close();
+    DeferredCloser::instance().hand(fdOf(m_socket), std::chrono::milliseconds(limitMs));
+    m_socket = c_invalid;
 }
 
 ServerSocket::ServerSocket(uint64_t handle) : Socket(handle) {}

@@ -73,10 +73,11 @@ public:
     ClientSocket() = default;
     // Connects to host (name or address, IPv4 or IPv6) and port; throws Computing::Error.
     void connect(const std::string& host, int port);
-    // After the last words of a conversation: closes once the peer has closed its side, or
-    // after `limitMs`. The side that closes first keeps the connection's TIME_WAIT; that must be
-    // the accepting server with its one port, not the connecting side, whose ephemeral ports
-    // would run out under many short connections. What still arrives is dropped.
+    // After the last words of a conversation: the connection is closed once the peer has closed
+    // its side, or after `limitMs`, by the process's `DeferredCloser`; returns at once. The side
+    // that closes first keeps the connection's TIME_WAIT; that must be the accepting server with
+    // its one port, not the connecting side, whose ephemeral ports would run out under many
+    // short connections. What still arrives is dropped.
     void closeAfterPeer(unsigned int limitMs = c_peerCloseLimitMs);
 
     static constexpr unsigned int c_peerCloseLimitMs = 2000;
