@@ -28,6 +28,7 @@ public:
     void* take(std::size_t size) {
         std::vector<void*> expired;
         void* block = nullptr;
+        std::size_t keptSize = 0;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             expire(expired);
@@ -38,26 +39,35 @@ public:
                     best = it;
             if (best != m_kept.end()) {
                 block = best->block;
+                keptSize = best->size;
                 m_keptBytes -= best->size;
                 m_kept.erase(best);
             }
         }
         freeAll(expired);
-        // Pages that the kernel took back while the block was kept, or that went through a
-        // fork, come back here in one call.
+        if (!block)
+            return nullptr;
+        keepAcrossFork(block, keptSize);
+        // Pages that the kernel took back while the block was kept come back here in one call.
         populateForWrite(block, size);
         return block;
     }
 
     void release(void* block) {
         const std::size_t size = malloc_usable_size(block);
+        const bool kept =
+            size >= LargeBlockCache::c_smallestKept && size <= LargeBlockCache::c_maxKeptBytes;
+        if (kept) {
+            // Before the block is in the cache: from then on another thread may take it and
+            // write to it, and advice given after that would apply to its new contents.
+            allowReclaim(block, size);
+            leaveOutOfFork(block, size);
+        }
         std::vector<void*> expired;
-        bool kept = false;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             expire(expired);
-            if (size >= LargeBlockCache::c_smallestKept &&
-                size <= LargeBlockCache::c_maxKeptBytes) {
+            if (kept) {
                 // A full cache gives up its oldest blocks: a block that no transfer of the
                 // moment fits would otherwise hold the room until it expires.
                 while (m_kept.size() >= LargeBlockCache::c_maxKeptBlocks ||
@@ -68,13 +78,10 @@ public:
                 }
                 m_kept.push_back({block, size, Clock::now()});
                 m_keptBytes += size;
-                kept = true;
             }
         }
         freeAll(expired);
-        if (kept)
-            allowReclaim(block, size);
-        else
+        if (!kept)
             std::free(block);
     }
 
@@ -117,9 +124,13 @@ private:
         }
     }
 
+    // Blocks that were kept: back in every child first, as the allocator may hand out their
+    // memory again.
     static void freeAll(const std::vector<void*>& blocks) {
-        for (void* block : blocks)
+        for (void* block : blocks) {
+            keepAcrossFork(block, malloc_usable_size(block));
             std::free(block);
+        }
     }
 
     std::mutex m_mutex;

@@ -42,4 +42,12 @@ void allowReclaim(void* block, std::size_t size) {
     adviseWholePages(block, size, MADV_FREE);
 }
 
+void leaveOutOfFork(void* block, std::size_t size) {
+    adviseWholePages(block, size, MADV_DONTFORK);
+}
+
+void keepAcrossFork(void* block, std::size_t size) {
+    adviseWholePages(block, size, MADV_DOFORK);
+}
+
 } // namespace Kestrane

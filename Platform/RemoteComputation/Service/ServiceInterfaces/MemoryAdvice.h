@@ -26,4 +26,12 @@ void populateForWrite(void* block, std::size_t size);
 // leaves stay as they are, at no cost. For blocks large enough for it to pay.
 void allowReclaim(void* block, std::size_t size);
 
+// A block kept unused for reuse need not be in a child made by fork: leaving it out spares the
+// fork copying its page table, and the parent a write fault per page afterwards (a fork
+// write-protects every page that both processes share). For blocks large enough for it to pay.
+void leaveOutOfFork(void* block, std::size_t size);
+// Undoes `leaveOutOfFork`; required before the block is used or freed, since memory handed out
+// again must be in every child.
+void keepAcrossFork(void* block, std::size_t size);
+
 } // namespace Kestrane

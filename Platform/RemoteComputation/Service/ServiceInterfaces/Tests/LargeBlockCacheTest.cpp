@@ -2,8 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
@@ -20,6 +26,21 @@ protected:
     void SetUp() override { LargeBlockCache::clear(); }
     void TearDown() override { LargeBlockCache::clear(); }
 };
+
+// Whether the page that holds `address` is mapped in a child made by fork now.
+bool mappedInAForkedChild(const void* address) {
+    const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    auto* start = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(address) / page * page);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        unsigned char present = 0;
+        ::_exit(::mincore(start, page, &present) == 0 ? 0 : 1);
+    }
+    int status = 0;
+    if (child < 0 || ::waitpid(child, &status, 0) != child)
+        return false;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
 
 TEST_F(LargeBlockCacheTest, ALargeReleasedBlockIsTakenAgainForTheSameSize) {
     void* block = std::malloc(c_large);
@@ -124,3 +145,44 @@ TEST_F(LargeBlockCacheTest, ThreadsReleaseAndTakeAtOnce) {
 }
 
 } // namespace
+
+TEST_F(LargeBlockCacheTest, AKeptBlockIsLeftOutOfForkedChildrenUntilItIsTaken) {
+    auto* block = static_cast<char*>(std::malloc(c_large));
+    ASSERT_NE(block, nullptr);
+    std::memset(block, 0x5a, c_large);
+    const char* middle = block + c_large / 2;
+    ASSERT_TRUE(mappedInAForkedChild(middle));
+    LargeBlockCache::release(block);
+    EXPECT_FALSE(mappedInAForkedChild(middle));
+    void* taken = LargeBlockCache::take(c_large);
+    ASSERT_EQ(taken, block);
+    EXPECT_TRUE(mappedInAForkedChild(middle));
+    std::free(taken);
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// The sanitizers' allocators ignore mallopt, so only the plain allocator can be made to keep a
+// large block in its heap here.
+TEST_F(LargeBlockCacheTest, AKeptBlockFreedIntoTheHeapIsInForkedChildrenAgain) {
+    // In a child of its own, as the allocator's settings change for the whole process.
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // From the heap rather than a mapping of its own, and kept in the heap once freed.
+        ::mallopt(M_MMAP_THRESHOLD, 64 << 20);
+        ::mallopt(M_TRIM_THRESHOLD, 1 << 30);
+        auto* block = static_cast<char*>(std::malloc(c_large));
+        std::memset(block, 0x5a, c_large);
+        const char* middle = block + c_large / 2;
+        LargeBlockCache::release(block);
+        const bool leftOut = !mappedInAForkedChild(middle);
+        LargeBlockCache::clear();
+        // The memory is the allocator's again and may be any object's next: every child has it.
+        const bool backIn = mappedInAForkedChild(middle);
+        ::_exit(leftOut && backIn ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+#endif
