@@ -52,6 +52,10 @@ protected:
         return ::recv(static_cast<int>(client.getSocket()), &byte, 1, MSG_DONTWAIT) == 0;
     }
 
+    // The read time limit, in seconds, of a connection that a watch hands out from a listener
+    // made with `acceptedTimeoutMs` for its connections; -1 when none came.
+    long readLimitOfAConnectionThrough(unsigned int acceptedTimeoutMs);
+
     Computing::ListenSocket listener{0, 1, 64, "127.0.0.1"};
     std::vector<std::shared_ptr<Computing::ServerSocket>> ready;
     std::vector<std::string> peers;
@@ -119,29 +123,28 @@ long readLimitSecondsOf(Computing::ServerSocket& socket) {
 }
 } // namespace
 
-TEST_F(ConnectionWatchTest, ConnectionsTakeTheSilenceLimitFromAListenerMadeWithIt) {
-    const unsigned int limit = ConnectionWatch::silenceLimitSeconds();
-    ASSERT_GT(limit, 0u);
-    Computing::ListenSocket made{0, 1, 8, "127.0.0.1", limit * 1000};
+long ConnectionWatchTest::readLimitOfAConnectionThrough(unsigned int acceptedTimeoutMs) {
+    Computing::ListenSocket made{0, 1, 8, "127.0.0.1", acceptedTimeoutMs};
     ConnectionWatch watch(made, 30, 10);
     Computing::ClientSocket client;
     client.connect("127.0.0.1", made.getListenPort());
     client.sendDataBlock("C 4 PING", 8);
-    ASSERT_TRUE(runUntil(watch, [&] { return !ready.empty(); }));
-    EXPECT_EQ(readLimitSecondsOf(*ready[0]), static_cast<long>(limit));
+    if (!runUntil(watch, [&] { return !ready.empty(); }))
+        return -1;
+    return readLimitSecondsOf(*ready[0]);
+}
+
+TEST_F(ConnectionWatchTest, ConnectionsTakeTheSilenceLimitFromAListenerMadeWithIt) {
+    const unsigned int limit = ConnectionWatch::silenceLimitSeconds();
+    ASSERT_GT(limit, 0u);
+    EXPECT_EQ(readLimitOfAConnectionThrough(limit * 1000), static_cast<long>(limit));
 }
 
 TEST_F(ConnectionWatchTest, AListenerWithAnotherLimitDoesNotSetTheConnections) {
     // The configured limits may differ from those the listener was made with: the watch sets
     // its own on each connection then.
     const unsigned int limit = ConnectionWatch::silenceLimitSeconds();
-    Computing::ListenSocket made{0, 1, 8, "127.0.0.1", (limit + 5) * 1000};
-    ConnectionWatch watch(made, 30, 10);
-    Computing::ClientSocket client;
-    client.connect("127.0.0.1", made.getListenPort());
-    client.sendDataBlock("C 4 PING", 8);
-    ASSERT_TRUE(runUntil(watch, [&] { return !ready.empty(); }));
-    EXPECT_EQ(readLimitSecondsOf(*ready[0]), static_cast<long>(limit));
+    EXPECT_EQ(readLimitOfAConnectionThrough((limit + 5) * 1000), static_cast<long>(limit));
 }
 
 TEST_F(ConnectionWatchTest, SilentConnectionsAreClosedAfterTheIdleTimeoutWithOneWarningEach) {

@@ -358,6 +358,12 @@ ConnectionOptions optionsOf(uint64_t handle) {
         options.writeLimitMs = limit.tv_sec * 1000 + limit.tv_usec / 1000;
     return options;
 }
+
+// Connects `client` to `listener` and returns the accepted handle, for the caller to own.
+uint64_t connectAndAccept(ListenSocket& listener, ClientSocket& client) {
+    client.connect("127.0.0.1", listener.getListenPort());
+    return listener.accept();
+}
 } // namespace
 
 TEST(SocketTest, AcceptedConnectionsTakeTheListenersOptions) {
@@ -365,8 +371,7 @@ TEST(SocketTest, AcceptedConnectionsTakeTheListenersOptions) {
     ASSERT_EQ(listener.getAcceptedTimeout(), std::optional<unsigned int>(2500u));
     // Queued before the accept, as a connection is that arrives while the server is busy.
     ClientSocket client;
-    client.connect("127.0.0.1", listener.getListenPort());
-    ServerSocket accepted(listener.accept(), InheritedOptions{});
+    ServerSocket accepted(connectAndAccept(listener, client), InheritedOptions{});
     const ConnectionOptions options = optionsOf(accepted.getSocket());
     EXPECT_NE(options.noDelay, 0);
     EXPECT_EQ(options.readLimitMs, 2500);
@@ -382,8 +387,7 @@ TEST(SocketTest, AListenerWithoutAcceptedOptionsHandsOutPlainConnections) {
     ListenSocket listener(0, 1, 10, "127.0.0.1");
     EXPECT_FALSE(listener.getAcceptedTimeout());
     ClientSocket client;
-    client.connect("127.0.0.1", listener.getListenPort());
-    ServerSocket accepted(listener.accept(), InheritedOptions{});
+    ServerSocket accepted(connectAndAccept(listener, client), InheritedOptions{});
     const ConnectionOptions options = optionsOf(accepted.getSocket());
     EXPECT_EQ(options.noDelay, 0);
     EXPECT_EQ(options.readLimitMs, 0);
