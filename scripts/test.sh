@@ -60,7 +60,7 @@ if [ "${KS_SKIP_SANITIZER:-0}" != "1" ]; then
         || { echo "$out"; exit 1; }
     echo "Sanitizer run (AddressSanitizer, LeakSanitizer, UBSan): message model, round trips and starters"
     (cd "$asan" && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j "$jobs" -E Installed -LE slurm \
-        -R "XLink|KSData|Attachment|HierarchicalDataFile|Transcod|Package|Reply|Request(Encoder|Handler|Test)|XmlRequest|LocalRequestClient|HostAndUserId|UnsharedTmpDir|LogMessageXml|Schema|XTagger|XmlUtils|MessageValidation|RoundTrip|Inbound|HandleRequestTask|ServerRequestHandler|Callback|TcpRequestClient|QueuedJob|Starter|JobSchedulerCommands|RemoteService(Key|Protocol)|IsolatedCheck|MemoryAdvice|XercesPlatform|ConnectionWatch|UniqueID|LargeBlockCache|SocketPacket|RequestXmlHelper")
+        -R "XLink|KSData|Attachment|HierarchicalDataFile|Transcod|Package|Reply|Request(Encoder|Handler|Test)|XmlRequest|LocalRequestClient|HostAndUserId|UnsharedTmpDir|LogMessageXml|Schema|XTagger|XmlUtils|MessageValidation|RoundTrip|Inbound|HandleRequestTask|ServerRequestHandler|Callback|TcpRequestClient|QueuedJob|Starter|JobSchedulerCommands|RemoteService(Key|Protocol)|IsolatedCheck|MemoryAdvice|XercesPlatform|ConnectionWatch|UniqueID|LargeBlockCache|DeferredCloser|SocketPacket|RequestXmlHelper")
 fi
 
 # Third stage: data races, lock order and thread lifetime, under ThreadSanitizer.

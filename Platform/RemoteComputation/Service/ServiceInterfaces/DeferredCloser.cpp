@@ -82,9 +82,7 @@ void DeferredCloser::run() {
             return;
         if (!m_held.empty()) {
             emptyRounds = 0;
-            lock.unlock();
-            sweep();
-            lock.lock();
+            sweepLocked();
         } else if (++emptyRounds >= c_emptyRoundsBeforeSleep) {
             // Idle: sleep until a connection comes. Under steady use the sweeps go on by the
             // clock alone, and a hand-over wakes nobody.
@@ -96,26 +94,16 @@ void DeferredCloser::run() {
     }
 }
 
-void DeferredCloser::sweep() {
-    std::deque<Held> looking;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        looking.swap(m_held);
-    }
+void DeferredCloser::sweepLocked() {
     const auto now = Clock::now();
-    std::deque<Held> waiting;
-    for (const Held& held : looking) {
-        if (isFinished(held, now))
-            ::close(held.handle);
+    auto kept = m_held.begin();
+    for (auto it = m_held.begin(); it != m_held.end(); ++it) {
+        if (isFinished(*it, now))
+            ::close(it->handle);
         else
-            waiting.push_back(held);
+            *kept++ = *it;
     }
-    if (waiting.empty())
-        return;
-    std::lock_guard<std::mutex> lock(m_mutex);
-    // Those handed over meanwhile are younger: they go after the ones still waiting.
-    waiting.insert(waiting.end(), m_held.begin(), m_held.end());
-    m_held.swap(waiting);
+    m_held.erase(kept, m_held.end());
 }
 
 bool DeferredCloser::isFinished(const Held& held, Clock::time_point now) {

@@ -48,8 +48,11 @@ private:
     };
 
     void run();
-    // Closes the held connections whose peers have closed or whose time is up.
-    void sweep();
+    // Closes the held connections whose peers have closed or whose time is up. Under the lock,
+    // as every use of the allocator by this thread is: the lock is held across fork, and a child
+    // made while this thread is inside the allocator finds it locked under some allocators (the
+    // sanitizers').
+    void sweepLocked();
     // Whether `held` can be closed now; drops what arrived on it.
     static bool isFinished(const Held& held, Clock::time_point now);
     void forgetAfterFork();
